@@ -1,0 +1,75 @@
+// Errors: every failure of the library is a thrown larkpost::RaisedError with a number,
+// an English description and a source.
+#ifndef LARKPOST_ERROR_H
+#define LARKPOST_ERROR_H
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "larkpost/export.h"
+
+namespace larkpost {
+
+// The library's own numbers are ERROR_BASE plus a decimal. As a signed 32-bit number
+// ERROR_BASE is -1550909440 (0xA38F0000).
+inline constexpr int32_t ERROR_BASE = static_cast<int32_t>(0xA38F0000u);
+
+// TcpStream: "Not connected." when text has to go out without a connection.
+inline constexpr int32_t ERROR_NOT_CONNECTED = ERROR_BASE + 1000;
+// MailMessage.AttachFile: "File <path> not found. Cannot attach to message." (same number).
+inline constexpr int32_t ERROR_FILE_NOT_FOUND = ERROR_BASE + 1000;
+// TcpStream.Connect: the attempt broke down inside the call.
+inline constexpr int32_t ERROR_CONNECTION_FAILED = ERROR_BASE + 1001;
+// TcpStream: "The server did not respond in time."
+inline constexpr int32_t ERROR_RESPONSE_TIMEOUT = ERROR_BASE + 1002;
+// MailClient.Connect: the server's greeting was an error reply.
+inline constexpr int32_t ERROR_GREETING_REFUSED = ERROR_BASE + 2000;
+// MailClient.Connect: AUTH LOGIN or AUTH PLAIN was refused.
+inline constexpr int32_t ERROR_AUTH_FAILED = ERROR_BASE + 2001;
+// MailClient.Connect: credentials given, but the server offers neither AUTH LOGIN nor AUTH PLAIN.
+inline constexpr int32_t ERROR_AUTH_UNSUPPORTED = ERROR_BASE + 2002;
+// MailClient: a command was refused; also an incomplete credential pair and a bad SIZE value.
+inline constexpr int32_t ERROR_COMMAND_REFUSED = ERROR_BASE + 2003;
+inline constexpr int32_t ERROR_CREDENTIALS_INCOMPLETE = ERROR_BASE + 2003;
+inline constexpr int32_t ERROR_INVALID_SIZE_VALUE = ERROR_BASE + 2003;
+// MailClient.Send: "No MailMessage object provided to Send()."
+inline constexpr int32_t ERROR_NO_MESSAGE = ERROR_BASE + 2004;
+// MailClient.Send: "No recipient(s) specified in message."
+inline constexpr int32_t ERROR_NO_RECIPIENTS = ERROR_BASE + 2005;
+// MailClient.Send: "The message was too large to send."
+inline constexpr int32_t ERROR_MESSAGE_TOO_LARGE = ERROR_BASE + 2006;
+// MailMessage: an attached file could not be read while the message text was built.
+inline constexpr int32_t ERROR_ATTACHMENT_FAILED = ERROR_BASE + 3000;
+// MailMessage: "Blank recipient".
+inline constexpr int32_t ERROR_BLANK_RECIPIENT = ERROR_BASE + 3001;
+// MailMessage: "'<recipient>' is already on the list".
+inline constexpr int32_t ERROR_DUPLICATE_RECIPIENT = ERROR_BASE + 3002;
+
+// General runtime failures keep their classic numbers.
+inline constexpr int32_t ERROR_INVALID_ARGUMENT = 5;
+inline constexpr int32_t ERROR_OVERFLOW = 6;
+inline constexpr int32_t ERROR_TYPE_MISMATCH = 13;
+inline constexpr int32_t ERROR_KEY_IN_USE = 457;
+
+class LARKPOST_API RaisedError : public std::exception {
+public:
+    RaisedError(int32_t number, std::u16string description, std::u16string source = {});
+
+    int32_t Number() const noexcept { return m_number; }
+    const std::u16string& Description() const noexcept { return m_description; }
+    const std::u16string& Source() const noexcept { return m_source; }
+
+    // The description in UTF-8.
+    const char* what() const noexcept override;
+
+private:
+    int32_t m_number;
+    std::u16string m_description;
+    std::u16string m_source;
+    std::string m_what;
+};
+
+}  // namespace larkpost
+
+#endif

@@ -1,0 +1,99 @@
+// MailMessage: one e-mail as the host fills it in, and its assembly into one MIME text.
+#ifndef LARKPOST_MAIL_MESSAGE_H
+#define LARKPOST_MAIL_MESSAGE_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "larkpost/export.h"
+
+namespace larkpost {
+
+class MailClient;
+
+namespace detail {
+class KeyedCollection;
+struct MailMessageAccess;
+}  // namespace detail
+
+class LARKPOST_API MailMessage {
+public:
+    MailMessage();
+    ~MailMessage();
+    MailMessage(const MailMessage&) = delete;
+    MailMessage& operator=(const MailMessage&) = delete;
+
+    // The six text properties: the setter stores the value unaltered, the getter reads it back.
+    // Each setter also takes UTF-8.
+    void FromAddress(std::u16string value);
+    void FromAddress(std::string_view value);
+    const std::u16string& FromAddress() const;
+    void SenderName(std::u16string value);
+    void SenderName(std::string_view value);
+    const std::u16string& SenderName() const;
+    void SubjectLine(std::u16string value);
+    void SubjectLine(std::string_view value);
+    const std::u16string& SubjectLine() const;
+    void Body(std::u16string value);
+    void Body(std::string_view value);
+    const std::u16string& Body() const;
+    void BodyHTML(std::u16string value);
+    void BodyHTML(std::string_view value);
+    const std::u16string& BodyHTML() const;
+    // Content type of the plain body part; "text/plain" on a new message.
+    void MimeType(std::u16string value);
+    void MimeType(std::string_view value);
+    const std::u16string& MimeType() const;
+
+    // Adds a file, found now and read when the message text is built. The last path element may
+    // hold the wildcards * and ?.
+    void AttachFile(const std::u16string& FilePath);
+    void AttachFile(std::string_view FilePath);
+    void AddRecipient(const std::u16string& Recipient);
+    void AddRecipient(std::string_view Recipient);
+    void RemoveRecipient(const std::u16string& Recipient);
+    void RemoveRecipient(std::string_view Recipient);
+    void AddCCRecipient(const std::u16string& Recipient);
+    void AddCCRecipient(std::string_view Recipient);
+    void RemoveCCRecipient(const std::u16string& Recipient);
+    void RemoveCCRecipient(std::string_view Recipient);
+    void AddBCCRecipient(const std::u16string& Recipient);
+    void AddBCCRecipient(std::string_view Recipient);
+    void RemoveBCCRecipient(const std::u16string& Recipient);
+    void RemoveBCCRecipient(std::string_view Recipient);
+    // Writes the message text to a file, replacing what the file held.
+    void SaveToFile(const std::u16string& FileSpec);
+    void SaveToFile(std::string_view FileSpec);
+
+private:
+    friend class MailClient;
+    friend struct detail::MailMessageAccess;
+
+    std::shared_ptr<detail::KeyedCollection> Recipients() const;
+    std::shared_ptr<detail::KeyedCollection> CCRecipients() const;
+    std::shared_ptr<detail::KeyedCollection> BCCRecipients() const;
+    std::shared_ptr<detail::KeyedCollection> Attachments() const;
+    // The whole message text, from the cache while nothing has changed since the last build.
+    const std::u16string& BuildMessage();
+
+    void AddTo(detail::KeyedCollection& list, const std::u16string& Recipient);
+    void RemoveFrom(detail::KeyedCollection& list, const std::u16string& Recipient);
+
+    std::u16string m_fromAddress;
+    std::u16string m_senderName;
+    std::u16string m_subjectLine;
+    std::u16string m_body;
+    std::u16string m_bodyHTML;
+    std::u16string m_mimeType;
+    std::shared_ptr<detail::KeyedCollection> m_recipients;
+    std::shared_ptr<detail::KeyedCollection> m_ccRecipients;
+    std::shared_ptr<detail::KeyedCollection> m_bccRecipients;
+    std::shared_ptr<detail::KeyedCollection> m_attachments;
+    std::u16string m_cachedMessage;
+    bool m_changed = false;
+};
+
+}  // namespace larkpost
+
+#endif

@@ -1,0 +1,47 @@
+// HostKitGlobal: the per-thread event loop that makes socket controls and pumps their events.
+#ifndef LARKPOST_PLATFORM_HOST_KIT_H
+#define LARKPOST_PLATFORM_HOST_KIT_H
+
+#include <functional>
+#include <memory>
+
+#include "platform/socket_control.h"
+
+namespace larkpost::detail {
+
+class EventLoop;
+
+class HostServices {
+public:
+    explicit HostServices(EventLoop& loop) : m_loop(loop) {}
+
+    std::shared_ptr<SocketControl> CreateSocketControl();
+
+    // Delivers the events pending now for this thread, on this thread, and returns at once.
+    void PumpEvents();
+
+    // Sleeps until at least one event is pending (socket readiness, a due tick or a queued
+    // event), then delivers like PumpEvents. A waiting stream calls this instead of spinning on
+    // PumpEvents. Returns false, without sleeping, when nothing on this thread could ever
+    // produce an event (no open socket, no running ticker, nothing queued).
+    bool WaitAndPumpEvents();
+
+    // Test seam: the factory behind CreateSocketControl on this thread (empty restores the real one).
+    using SocketControlFactory = std::function<std::shared_ptr<SocketControl>()>;
+    void SetSocketControlFactoryForTesting(SocketControlFactory factory);
+
+private:
+    EventLoop& m_loop;
+};
+
+class HostKitGlobalObject {
+public:
+    HostServices Services();
+};
+
+// The object of this thread, made at its first use.
+HostKitGlobalObject& HostKitGlobal();
+
+}  // namespace larkpost::detail
+
+#endif
