@@ -26,6 +26,11 @@ public:
     // produce an event (no open socket, no running ticker, nothing queued).
     bool WaitAndPumpEvents();
 
+    // Queues an event for the next pump of this thread. It is dropped, not run, if owner has
+    // expired by then. Events run in the order they were posted. Socket controls (the real one
+    // and the scripted one of the tests) deliver their events through this.
+    void PostEvent(std::weak_ptr<void> owner, std::function<void()> event);
+
     // Test seam: the factory behind CreateSocketControl on this thread (empty restores the real one).
     using SocketControlFactory = std::function<std::shared_ptr<SocketControl>()>;
     void SetSocketControlFactoryForTesting(SocketControlFactory factory);
