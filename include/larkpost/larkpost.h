@@ -2,6 +2,7 @@
 #ifndef LARKPOST_LARKPOST_H
 #define LARKPOST_LARKPOST_H
 
+#include "larkpost/create.h"
 #include "larkpost/error.h"
 #include "larkpost/mail_client.h"
 #include "larkpost/mail_message.h"

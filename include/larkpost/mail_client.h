@@ -78,7 +78,13 @@ private:
     friend struct detail::MailClientAccess;
 
     void NegotiateCapabilities();
+    void RecordCapability(std::u16string_view keywordLine);
+    std::u16string EhloName();
     void Authenticate(const std::u16string& Username, const std::u16string& Password);
+    void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
+    void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
+    bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
+    void DropConnectionQuietly() noexcept;
     detail::SmtpResponse SendCommand(std::u16string_view command);
     detail::SmtpResponse SendCommandChecked(std::u16string_view command);
     detail::SmtpResponse ReadResponse();

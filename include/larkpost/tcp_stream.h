@@ -29,7 +29,8 @@ public:
     TcpStream(const TcpStream&) = delete;
     TcpStream& operator=(const TcpStream&) = delete;
 
-    // Ticks (seconds) of silence a read allows: 3 on a new stream, 60 after each Connect.
+    // Ticks (seconds) of silence a read allows: 3 on a new stream, 60 after each Connect. A read
+    // fails at tick ResponseTimeout + 1; a negative value counts as 0.
     int32_t ResponseTimeout = 3;
 
     // Opens a connection, dropping any earlier one. Port is only read.
@@ -71,14 +72,28 @@ private:
     void SetState(int32_t state);
     int32_t GetState() const;
     void RecordError(int32_t number, std::u16string description);
-    void WaitForState(int32_t state);
-    void WaitForAnyState(std::initializer_list<int32_t> states);
+    // The waits sleep between pumps and end when nothing on the thread can deliver an event.
+    // Peek's wait, until the state or STATE_ERROR; false when it could never end.
+    bool WaitForState(int32_t state);
+    // Connect's wait; false when the connection did not come up (closed first, or no outcome).
+    bool WaitForConnectOutcome();
+    // Flush's wait; false when the connection closed before the text was reported gone.
+    bool WaitForSendComplete();
     void RaiseRecordedError();
     bool HasRecordedError() const;
     void m_socket_SendComplete();
     void m_ticker_Elapsed();
     void ReleaseSocket() noexcept;
     bool HasPendingSend() const;
+    // What the last connection left behind: unsent text, unread characters, a pending error.
+    void DiscardLeftovers();
+    // Peek's first steps: flush, wait while no more than `seen` characters are unread, raise a
+    // pending error.
+    void AwaitUnread(std::size_t seen);
+    std::u16string_view Unread() const;
+    // The next `length` unread characters, which end in CR LF, as a line without them.
+    std::u16string TakeLine(std::size_t length);
+    void Consume(std::size_t count);
 
     int32_t m_state = 0;
     int32_t m_errorNumber = 0;
@@ -87,14 +102,17 @@ private:
     // Unread characters live at m_receiveBuffer[m_receiveOffset...]; reads advance the offset.
     std::u16string m_receiveBuffer;
     std::size_t m_receiveOffset = 0;
+    // Where GetData puts an arrival; it keeps its capacity from one arrival to the next.
+    std::u16string m_arrival;
     // Unsent text, kept already in the code page it goes out in.
     std::string m_sendBuffer;
     int32_t m_lastArrivalBytes = 0;
     int32_t m_ticksLeft = 0;
-    // Counts of Connect and SendComplete events, so a wait notices an outcome that a later
-    // event of the same pump has overwritten in m_state.
+    // Counts of Connect, SendComplete and Close events, so a wait notices an outcome that a
+    // later event of the same pump has overwritten in m_state.
     uint64_t m_connectEvents = 0;
     uint64_t m_sendCompleteEvents = 0;
+    uint64_t m_closeEvents = 0;
     std::unique_ptr<SocketSink> m_socketSink;
     std::unique_ptr<TickerSink> m_tickerSink;
     std::shared_ptr<detail::Ticker> m_ticker;

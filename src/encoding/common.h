@@ -3,6 +3,7 @@
 #define LARKPOST_ENCODING_COMMON_H
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,9 @@ std::u16string Base64Encode(std::u16string_view text);
 void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out);
 // Length of the Base64 text of n bytes, CR LFs included.
 std::size_t Base64EncodedLength(std::size_t n);
+// Test seam: encode with the named kernel, "scalar", "ssse3" or "avx2", or with an empty name the
+// best one this CPU has. False, and nothing changed, when the CPU or the build lacks it.
+bool SelectBase64KernelForTesting(std::string_view name);
 
 // "--=-MessageBoundary_<n>_<timer digits>", n counting 1..32766 per thread.
 std::u16string MakeBoundary();

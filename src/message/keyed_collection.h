@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace larkpost::detail {
@@ -26,9 +27,13 @@ public:
 private:
     std::vector<std::u16string> m_items;
     std::vector<std::optional<std::u16string>> m_foldedKeys;
+    // The folded keys present, so the duplicate test of Add stays O(1) for long recipient lists.
+    std::unordered_set<std::u16string> m_keyIndex;
 };
 
-// Case folding for keys: letters of the code page compare equal in either case.
+// Case folding for keys, one character to one: the letters of ASCII, Latin-1 and Latin
+// Extended-A (all letters of the code page among them), of basic Greek and of basic Cyrillic
+// fold to lower case; every other character stays as it is.
 std::u16string FoldKeyCase(std::u16string_view key);
 
 }  // namespace larkpost::detail

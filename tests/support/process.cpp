@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -71,7 +73,9 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string
             if (n <= 0) errOpen = false; else result.err.append(buffer, n);
         }
         if (in[1] >= 0 && fds[2].revents) {
-            ssize_t n = ::write(in[1], input.data() + written, input.size() - written);
+            // No more than PIPE_BUF, which poll promises room for: a larger blocking write would
+            // wait for the child, which may itself wait for us to read its output.
+            ssize_t n = ::write(in[1], input.data() + written, std::min<std::size_t>(input.size() - written, PIPE_BUF));
             if (n > 0) written += n;
             if (n <= 0 || written == input.size()) {
                 ::close(in[1]);

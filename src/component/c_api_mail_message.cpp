@@ -1,0 +1,77 @@
+// The C interface of MailMessage.
+#include "component/c_call.h"
+#include "larkpost/larkpost_c.h"
+#include "larkpost/mail_message.h"
+
+using namespace larkpost;
+using namespace larkpost::capi;
+
+namespace {
+
+constexpr std::string_view kClass = "Larkpost.MailMessage";
+
+using TextSetter = void (MailMessage::*)(std::u16string);
+using TextGetter = const std::u16string& (MailMessage::*)() const;
+using PathMethod = void (MailMessage::*)(const std::u16string&);
+
+int32_t SetText(std::string_view function, larkpost_object* handle, const char* value,
+                TextSetter setter) noexcept {
+    return CallOn<MailMessage>(function, handle, kClass, [&](MailMessage& self) {
+        (self.*setter)(InText(function, "value", value));
+    });
+}
+
+int32_t GetText(std::string_view function, larkpost_object* handle, char** out,
+                size_t* outLength, TextGetter getter) noexcept {
+    return CallOn<MailMessage>(function, handle, kClass, [&](MailMessage& self) {
+        RequireOutText(function, out, outLength);
+        OutText(out, outLength, (self.*getter)());
+    });
+}
+
+int32_t CallWithText(std::string_view function, larkpost_object* handle,
+                     std::string_view argument, const char* value, PathMethod method) noexcept {
+    return CallOn<MailMessage>(function, handle, kClass, [&](MailMessage& self) {
+        (self.*method)(InText(function, argument, value));
+    });
+}
+
+}  // namespace
+
+// Each text property: a setter and a getter.
+#define LARKPOST_TEXT_PROPERTY(name, Member)                                                   \
+    LARKPOST_API int32_t larkpost_mail_message_set_##name(larkpost_object* message,            \
+                                                          const char* value) {                 \
+        return SetText(__func__, message, value, &MailMessage::Member);                        \
+    }                                                                                          \
+    LARKPOST_API int32_t larkpost_mail_message_get_##name(larkpost_object* message, char** out, \
+                                                          size_t* out_length) {                \
+        return GetText(__func__, message, out, out_length, &MailMessage::Member);              \
+    }
+
+// Each method that takes one text argument.
+#define LARKPOST_TEXT_METHOD(name, Member, argument)                                           \
+    LARKPOST_API int32_t larkpost_mail_message_##name(larkpost_object* message,                \
+                                                      const char* argument) {                  \
+        return CallWithText(__func__, message, #argument, argument, &MailMessage::Member);     \
+    }
+
+extern "C" {
+
+LARKPOST_TEXT_PROPERTY(from_address, FromAddress)
+LARKPOST_TEXT_PROPERTY(sender_name, SenderName)
+LARKPOST_TEXT_PROPERTY(subject_line, SubjectLine)
+LARKPOST_TEXT_PROPERTY(body, Body)
+LARKPOST_TEXT_PROPERTY(body_html, BodyHTML)
+LARKPOST_TEXT_PROPERTY(mime_type, MimeType)
+
+LARKPOST_TEXT_METHOD(attach_file, AttachFile, file_path)
+LARKPOST_TEXT_METHOD(add_recipient, AddRecipient, recipient)
+LARKPOST_TEXT_METHOD(remove_recipient, RemoveRecipient, recipient)
+LARKPOST_TEXT_METHOD(add_cc_recipient, AddCCRecipient, recipient)
+LARKPOST_TEXT_METHOD(remove_cc_recipient, RemoveCCRecipient, recipient)
+LARKPOST_TEXT_METHOD(add_bcc_recipient, AddBCCRecipient, recipient)
+LARKPOST_TEXT_METHOD(remove_bcc_recipient, RemoveBCCRecipient, recipient)
+LARKPOST_TEXT_METHOD(save_to_file, SaveToFile, file_spec)
+
+}  // extern "C"

@@ -1,0 +1,53 @@
+// MailMessage.SaveToFile: the message text, in code-page bytes, as the whole content of a file.
+#include <algorithm>
+#include <string>
+
+#include "larkpost/error.h"
+#include "larkpost/mail_message.h"
+#include "larkpost/text.h"
+#include "message/file_io.h"
+#include "platform/codepage.h"
+#include "platform/errors.h"
+#include "platform/file_errors.h"
+
+namespace larkpost {
+
+namespace {
+
+// Characters converted and written at a time, so the bytes of a large text never exist whole.
+constexpr std::size_t kWriteChunk = 64 * 1024;
+
+void WriteText(const detail::FileHandle& file, std::u16string_view text,
+               const std::string& nativePath) {
+    std::string bytes;
+    bytes.reserve(std::min(text.size(), kWriteChunk));
+    for (std::size_t at = 0; at < text.size(); at += kWriteChunk) {
+        bytes.clear();
+        detail::AppendAnsi(bytes, text.substr(at, kWriteChunk));
+        detail::WriteAll(file, bytes, nativePath);
+    }
+}
+
+}  // namespace
+
+void MailMessage::SaveToFile(const std::u16string& FileSpec) {
+    try {
+        auto nativePath = detail::NativePath(FileSpec);
+        if (!nativePath)
+            detail::RaiseFileError(detail::ERROR_BAD_FILE_NAME, detail::kSourceMailMessage);
+        // Opened before the build and not truncated, so a failed build leaves the file as it was.
+        detail::FileHandle file = detail::OpenFileForWriting(*nativePath);
+        const std::u16string& text = BuildMessage();
+        WriteText(file, text, *nativePath);
+        // Whatever an older, longer content left behind the new text goes.
+        detail::TruncateRegularFile(file, text.size(), *nativePath);
+        detail::CloseFile(file, *nativePath);
+    } catch (const RaisedError& failure) {
+        detail::Raise(failure.Number(), u"Error in MailMessage.SaveToFile: " + failure.Description(),
+                      failure.Source());
+    }
+}
+
+void MailMessage::SaveToFile(std::string_view FileSpec) { SaveToFile(FromUtf8(FileSpec)); }
+
+}  // namespace larkpost

@@ -1,0 +1,242 @@
+#include "message/message_assembly.h"
+
+#include <new>
+#include <stdexcept>
+
+#include "encoding/common.h"
+#include "larkpost/error.h"
+#include "message/file_io.h"
+#include "platform/errors.h"
+#include "platform/file_errors.h"
+
+namespace larkpost::detail {
+namespace {
+
+constexpr std::u16string_view kCRLF = u"\r\n";
+
+// Sinks for the writers: one measures the text, the other appends it.
+struct CountingSink {
+    std::size_t length = 0;
+    void operator()(std::u16string_view text) { length += text.size(); }
+};
+
+struct AppendingSink {
+    std::u16string& out;
+    void operator()(std::u16string_view text) { out.append(text); }
+};
+
+std::u16string Decimal(std::uint64_t n) {
+    std::string digits = std::to_string(n);
+    return std::u16string(digits.begin(), digits.end());
+}
+
+template <class Sink>
+void WriteQuoted(Sink& sink, std::u16string_view text) {
+    sink(u"\"");
+    sink(text);
+    sink(u"\"");
+}
+
+// The elements of a list with ";" between each two, as stored.
+template <class Sink>
+void WriteJoined(Sink& sink, const KeyedCollection& list) {
+    bool first = true;
+    for (const auto& address : list) {
+        if (!first) sink(u";");
+        sink(address);
+        first = false;
+    }
+}
+
+template <class Sink>
+void WriteTextPart(Sink& sink, std::u16string_view boundary, std::u16string_view contentType,
+                   std::u16string_view encodedText) {
+    sink(u"\r\n\r\n--");
+    sink(boundary);
+    sink(kCRLF);
+    sink(u"Content-Type: ");
+    sink(contentType);
+    sink(kCRLF);
+    sink(u"Content-Transfer-Encoding: quoted-printable\r\n");
+    sink(u"Content-Length: ");
+    sink(Decimal(encodedText.size()));
+    sink(u"\r\n\r\n");
+    sink(encodedText);
+}
+
+// Rows 1 to 7 of an attachment part; the encoded text follows them.
+template <class Sink>
+void WriteAttachmentHead(Sink& sink, std::u16string_view boundary, std::u16string_view name,
+                         std::size_t encodedLength) {
+    sink(u"\r\n\r\n--");
+    sink(boundary);
+    sink(kCRLF);
+    sink(u"Content-Type: ");
+    sink(GetContentType(name));
+    sink(u";name=");
+    WriteQuoted(sink, name);
+    sink(kCRLF);
+    sink(u"Content-Transfer-Encoding: base64\r\n");
+    sink(u"Content-Disposition: attachment;filename=");
+    WriteQuoted(sink, name);
+    sink(kCRLF);
+    sink(u"Content-Length: ");
+    sink(Decimal(encodedLength));
+    sink(u"\r\n\r\n");
+}
+
+std::u16string LastPathElement(const std::u16string& path) {
+    auto slash = path.rfind(u'/');
+    return slash == std::u16string::npos ? path : path.substr(slash + 1);
+}
+
+// Runs one step of the attachment loop; whatever fails in it becomes the attachment error.
+template <class Step>
+void AttachmentStep(const std::u16string* path, Step&& step) {
+    try {
+        step();
+    } catch (const RaisedError& failure) {
+        RaiseAttachmentError(path, failure.Description());
+    } catch (const std::bad_alloc&) {
+        RaiseAttachmentError(path, FileErrorDescription(ERROR_OUT_OF_MEMORY));
+    } catch (const std::length_error&) {
+        RaiseAttachmentError(path, FileErrorDescription(ERROR_OUT_OF_MEMORY));
+    }
+}
+
+std::string NativePathOrRaise(const std::u16string& path) {
+    auto native = NativePath(path);
+    if (!native) RaiseFileError(ERROR_BAD_FILE_NAME, kSourceMailMessage);
+    return *native;
+}
+
+}  // namespace
+
+std::u16string GetContentType(std::u16string_view fileName) {
+    std::u16string extension = GetFileExtension(fileName).value_or(u"");
+    for (auto& c : extension)
+        if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
+    if (extension == u"TXT") return u"text/plain";
+    if (extension == u"HTM" || extension == u"HTML") return u"text/html";
+    if (extension == u"JPG" || extension == u"JPEG") return u"image/jpeg";
+    return u"application/octet-stream";
+}
+
+void RaiseAttachmentError(const std::u16string* path, std::u16string_view cause) {
+    std::u16string description;
+    if (path) {
+        description = u"Error attaching file '";
+        description += *path;
+        description += u"'. (Details: ";
+    } else {
+        description = u"Error occurred while adding attachments to the message. (Details: ";
+    }
+    description += cause;
+    description += u")";
+    Raise(ERROR_ATTACHMENT_FAILED, std::move(description), kSourceMailMessage);
+}
+
+MessageAssembly::MessageAssembly(const MessageFields& fields) : m_fields(fields) {
+    // Both boundaries are made before any file is looked at: a failed assembly uses them up.
+    m_mixedBoundary = MakeBoundary();
+    m_alternativeBoundary = MakeBoundary();
+    if (!fields.body.empty()) QuotedPrintableEncodeTo(fields.body, m_encodedBody);
+    if (!fields.bodyHTML.empty()) QuotedPrintableEncodeTo(fields.bodyHTML, m_encodedBodyHTML);
+    for (const auto& path : fields.attachments) {
+        AttachmentStep(&path, [&] {
+            std::string native = NativePathOrRaise(path);
+            OpenedFile file = OpenFileForReading(native);
+            // An empty file gets no part at all.
+            if (file.size > 0) m_attachments.push_back({&path, LastPathElement(path), file.size});
+        });
+    }
+}
+
+template <class Sink>
+void MessageAssembly::WriteHead(Sink& sink) const {
+    sink(u"Subject: ");
+    sink(m_fields.subjectLine);
+    sink(kCRLF);
+    sink(u"From: ");
+    if (!m_fields.senderName.empty()) {
+        WriteQuoted(sink, m_fields.senderName);
+        sink(u" <");
+        sink(m_fields.fromAddress);
+        sink(u">");
+    } else {
+        sink(m_fields.fromAddress);
+    }
+    sink(kCRLF);
+    sink(u"To: ");
+    WriteJoined(sink, m_fields.recipients);
+    sink(kCRLF);
+    if (m_fields.ccRecipients.Count() > 0) {
+        sink(u"Cc: ");
+        WriteJoined(sink, m_fields.ccRecipients);
+        sink(kCRLF);
+    }
+    if (m_fields.bccRecipients.Count() > 0) {
+        sink(u"Bcc: ");
+        WriteJoined(sink, m_fields.bccRecipients);
+        sink(kCRLF);
+    }
+    sink(u"Content-Type: multipart/mixed;boundary=");
+    WriteQuoted(sink, m_mixedBoundary);
+    sink(kCRLF);
+    sink(u"MIME-Version: 1.0\r\n\r\n\r\n--");
+    sink(m_mixedBoundary);
+    sink(kCRLF);
+    sink(u"Content-Type: multipart/alternative;boundary=");
+    WriteQuoted(sink, m_alternativeBoundary);
+    sink(kCRLF);
+    sink(u"MIME-Version: 1.0\r\n\r\n");
+    if (!m_fields.body.empty())
+        WriteTextPart(sink, m_alternativeBoundary, m_fields.mimeType, m_encodedBody);
+    if (!m_fields.bodyHTML.empty())
+        WriteTextPart(sink, m_alternativeBoundary, u"text/html; charset=iso-8859-1",
+                      m_encodedBodyHTML);
+    sink(u"\r\n\r\n--");
+    sink(m_alternativeBoundary);
+    sink(u"--\r\n");
+}
+
+template <class Sink>
+void MessageAssembly::WriteTail(Sink& sink) const {
+    sink(u"\r\n\r\n--");
+    sink(m_mixedBoundary);
+    sink(u"--\r\n");
+}
+
+std::size_t MessageAssembly::Length() const {
+    CountingSink counter;
+    WriteHead(counter);
+    for (const auto& attachment : m_attachments) {
+        std::size_t encodedLength = Base64EncodedLength(attachment.size);
+        WriteAttachmentHead(counter, m_mixedBoundary, attachment.name, encodedLength);
+        counter.length += encodedLength;
+    }
+    WriteTail(counter);
+    return counter.length;
+}
+
+void MessageAssembly::WriteTo(std::u16string& out) const {
+    AppendingSink sink{out};
+    WriteHead(sink);
+    for (const auto& attachment : m_attachments) {
+        AttachmentStep(attachment.path, [&] {
+            std::string native = NativePathOrRaise(*attachment.path);
+            std::string bytes;
+            {
+                OpenedFile file = OpenFileForReading(native);
+                bytes = ReadBytes(file, native);
+            }  // closed before the encoding
+            if (bytes.empty()) return;
+            WriteAttachmentHead(sink, m_mixedBoundary, attachment.name,
+                                Base64EncodedLength(bytes.size()));
+            Base64EncodeBytesTo(bytes, out);
+        });
+    }
+    WriteTail(sink);
+}
+
+}  // namespace larkpost::detail

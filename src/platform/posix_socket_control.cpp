@@ -1,0 +1,378 @@
+#include "platform/posix_socket_control.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <climits>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/codepage.h"
+#include "platform/errors.h"
+
+namespace larkpost::detail {
+
+namespace {
+
+constexpr char16_t kSourceSocket[] = u"Larkpost.Socket";
+constexpr std::size_t kReadChunk = 256 * 1024;
+// The Scode of a control error: an HRESULT of the control facility.
+constexpr int32_t kControlFacilityScode = static_cast<int32_t>(0x800A0000u);
+
+[[noreturn]] void RaiseSocket(int32_t number, std::u16string description = {}) {
+    if (description.empty()) description = SocketErrorDescription(number);
+    Raise(number, std::move(description), kSourceSocket);
+}
+
+char* ReadScratch() {
+    thread_local std::unique_ptr<char[]> buffer(new char[kReadChunk]);
+    return buffer.get();
+}
+
+thread_local PosixSocketControl::ResolverForTesting t_resolverForTesting;
+
+int LookUp(const std::string& host, const std::string& service, int flags, addrinfo** result) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = IPPROTO_TCP;
+    hints.ai_flags = flags | AI_NUMERICSERV;
+    return getaddrinfo(host.c_str(), service.c_str(), &hints, result);
+}
+
+int BindLocalPort(int fd, int family, int32_t port) {
+    sockaddr_storage local{};
+    socklen_t length = 0;
+    if (family == AF_INET6) {
+        auto* v6 = reinterpret_cast<sockaddr_in6*>(&local);
+        v6->sin6_family = AF_INET6;
+        v6->sin6_addr = in6addr_any;
+        v6->sin6_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in6);
+    } else {
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&local);
+        v4->sin_family = AF_INET;
+        v4->sin_addr.s_addr = htonl(INADDR_ANY);
+        v4->sin_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in);
+    }
+    return bind(fd, reinterpret_cast<sockaddr*>(&local), length);
+}
+
+}  // namespace
+
+std::shared_ptr<PosixSocketControl> PosixSocketControl::Create() {
+    return std::make_shared<PosixSocketControl>(Private{});
+}
+
+PosixSocketControl::~PosixSocketControl() { CloseFd(); }
+
+void PosixSocketControl::SetEvents(SocketControlEvents* sink) { m_sink = sink; }
+
+void PosixSocketControl::Protocol(int32_t value) {
+    if (value != 0) RaiseSocket(sckInvalidArg, u"Only TCP (protocol 0) is supported.");
+    if (m_state != sckClosed) RaiseSocket(sckBadState);
+}
+
+void PosixSocketControl::LocalPort(int32_t value) {
+    if (value < 0 || value > 65535) {
+        RaiseSocket(sckOutOfRange, u"The port number is out of range (0 to 65535).");
+    }
+    if (m_state != sckClosed) RaiseSocket(sckBadState);
+    m_localPort = value;
+}
+
+void PosixSocketControl::Connect(const std::u16string& RemoteHost, int32_t RemotePort) {
+    if (RemotePort < 0 || RemotePort > 65535) {
+        RaiseSocket(sckOutOfRange, u"The port number is out of range (0 to 65535).");
+    }
+    if (m_state != sckClosed) RaiseSocket(sckBadState);
+
+    EventLoop::Current().Watch(std::weak_ptr<IoWatcher>(weak_from_this()));
+    m_nextAddress = 0;
+    m_lastConnectError = 0;
+    const std::string host = ToAnsi(RemoteHost);
+    m_addresses = Resolve(host, RemotePort);
+    if (m_addresses.empty()) {
+        Fail({sckHostNotFound, SocketErrorDescription(sckHostNotFound)});
+        return;
+    }
+    m_state = sckConnecting;
+    TryNextAddress();
+}
+
+void PosixSocketControl::SetResolverForTesting(ResolverForTesting resolver) {
+    t_resolverForTesting = std::move(resolver);
+}
+
+// Numeric addresses first, so that "127.0.0.1" and "::1" never reach the name service. The
+// name service runs here, in the call: Connect blocks for as long as the lookup takes.
+std::vector<PosixSocketControl::Address> PosixSocketControl::Resolve(const std::string& host,
+                                                                     int32_t port) {
+    std::vector<Address> addresses;
+    if (host.find('\0') != std::string::npos) return addresses;
+    const std::string service = std::to_string(port);
+    auto add = [&](const std::string& name, int flags) {
+        addrinfo* found = nullptr;
+        if (LookUp(name, service, flags, &found) != 0) return false;
+        for (addrinfo* entry = found; entry; entry = entry->ai_next) {
+            Address address{};
+            std::memcpy(&address.storage, entry->ai_addr, entry->ai_addrlen);
+            address.length = entry->ai_addrlen;
+            addresses.push_back(address);
+        }
+        freeaddrinfo(found);
+        return true;
+    };
+    if (add(host, AI_NUMERICHOST)) return addresses;
+    if (t_resolverForTesting) {
+        for (const std::string& numeric : t_resolverForTesting(host)) add(numeric, AI_NUMERICHOST);
+    } else {
+        add(host, 0);
+    }
+    return addresses;
+}
+
+// Starts a connection to the next address; an address that fails at once is skipped. When
+// none is left the failure of the last one is reported.
+void PosixSocketControl::TryNextAddress() {
+    while (m_nextAddress < m_addresses.size()) {
+        const Address& address = m_addresses[m_nextAddress++];
+        const int family = address.storage.ss_family;
+        int fd = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+        if (fd < 0) {
+            m_lastConnectError = errno;
+            continue;
+        }
+        // Commands are small and each waits for its reply: never hold them back for Nagle.
+        int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (m_localPort != 0 && BindLocalPort(fd, family, m_localPort) != 0) {
+            m_lastConnectError = errno;
+            close(fd);
+            continue;
+        }
+        int status = connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length);
+        if (status == 0 || errno == EINPROGRESS) {
+            m_fd = fd;
+            if (status == 0) Connected();
+            return;  // else POLLOUT tells the outcome
+        }
+        m_lastConnectError = errno;
+        close(fd);
+    }
+    Fail(SocketFailureFromErrno(m_lastConnectError != 0 ? m_lastConnectError : ECONNREFUSED));
+}
+
+void PosixSocketControl::FinishConnect() {
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+    if (error == EINPROGRESS || error == EALREADY) return;  // not decided yet
+    if (error == 0) {
+        Connected();
+        return;
+    }
+    m_lastConnectError = error;
+    CloseFd();
+    TryNextAddress();
+}
+
+void PosixSocketControl::Connected() {
+    m_state = sckConnected;
+    m_reading = true;
+    m_addresses.clear();
+    Post([](SocketControlEvents& sink) { sink.Connect(); });
+}
+
+int16_t PosixSocketControl::State() { return m_state; }
+
+void PosixSocketControl::Close() {
+    CloseFd();
+    m_state = sckClosed;
+    m_reading = false;
+    m_addresses.clear();
+    m_received.clear();
+    m_receivedOffset = 0;
+    m_outgoing.clear();
+    m_outgoingOffset = 0;
+    m_sendEnds.clear();
+    m_eventToken = std::make_shared<char>();  // the events still queued expire with the old one
+}
+
+void PosixSocketControl::SendData(std::string_view bytes) {
+    if (m_state != sckConnected && m_state != sckClosing) RaiseSocket(sckBadState);
+
+    m_bytesAccepted += bytes.size();
+    m_sendEnds.push_back(m_bytesAccepted);
+    if (m_outgoingOffset < m_outgoing.size()) {
+        m_outgoing.append(bytes);  // behind what already waits, to keep the order
+        return;
+    }
+    // One write of everything; only what the kernel does not take now is copied.
+    std::size_t taken = 0;
+    while (taken < bytes.size()) {
+        ssize_t sent = send(m_fd, bytes.data() + taken, bytes.size() - taken, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            taken += static_cast<std::size_t>(sent);
+            break;
+        }
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        Fail(SocketFailureFromErrno(errno));
+        return;
+    }
+    m_bytesSent += taken;
+    m_outgoing.assign(bytes.substr(taken));
+    m_outgoingOffset = 0;
+    CompleteSends();
+}
+
+void PosixSocketControl::GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) {
+    if (Type != vbString) RaiseSocket(sckInvalidArg, u"GetData supports only the string type (8).");
+    const std::size_t available = m_received.size() - m_receivedOffset;
+    const std::size_t count =
+        MaxLen <= 0 ? available : std::min(available, static_cast<std::size_t>(MaxLen));
+    Data.clear();
+    AppendFromAnsi(Data, std::string_view(m_received).substr(m_receivedOffset, count));
+    m_receivedOffset += count;
+    if (m_receivedOffset == m_received.size()) {
+        m_received.clear();
+        m_receivedOffset = 0;
+    } else if (m_receivedOffset > m_received.size() / 2) {
+        m_received.erase(0, m_receivedOffset);
+        m_receivedOffset = 0;
+    }
+}
+
+std::u16string PosixSocketControl::LocalHostName() {
+    char name[HOST_NAME_MAX + 1] = {};
+    if (gethostname(name, sizeof name - 1) != 0) {
+        SocketFailure failure = SocketFailureFromErrno(errno);
+        RaiseSocket(failure.number, failure.description);
+    }
+    return FromAnsi(name);
+}
+
+std::u16string PosixSocketControl::LocalIP() {
+    if (m_fd < 0 || (m_state != sckConnected && m_state != sckClosing)) return {};
+    sockaddr_storage local{};
+    socklen_t length = sizeof local;
+    if (getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return {};
+    char text[INET6_ADDRSTRLEN] = {};
+    const void* address = local.ss_family == AF_INET6
+        ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&local)->sin6_addr)
+        : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&local)->sin_addr);
+    if (!inet_ntop(local.ss_family, address, text, sizeof text)) return {};
+    return FromAnsi(text);
+}
+
+int PosixSocketControl::PollFd() const { return m_fd; }
+
+short PosixSocketControl::PollEvents() const {
+    if (m_fd < 0) return 0;
+    if (m_state == sckConnecting) return POLLOUT;
+    short events = 0;
+    if (m_reading) events |= POLLIN;
+    if (m_outgoingOffset < m_outgoing.size()) events |= POLLOUT;
+    return events;
+}
+
+void PosixSocketControl::OnReady(short revents) {
+    if (m_state == sckConnecting) {
+        FinishConnect();
+        return;
+    }
+    const short trouble = POLLERR | POLLHUP;
+    if (m_reading && (revents & (POLLIN | trouble))) ReadOnce();
+    if (m_fd >= 0 && m_outgoingOffset < m_outgoing.size() && (revents & (POLLOUT | trouble))) {
+        WriteQueued();
+    }
+}
+
+// One recv per pump, so one pump never brings both DataArrival and Close of this socket.
+void PosixSocketControl::ReadOnce() {
+    char* buffer = ReadScratch();
+    ssize_t count = recv(m_fd, buffer, kReadChunk, 0);
+    if (count > 0) {
+        m_received.append(buffer, static_cast<std::size_t>(count));
+        const std::size_t queued = m_received.size() - m_receivedOffset;
+        const int32_t total = static_cast<int32_t>(std::min<std::size_t>(queued, INT32_MAX));
+        Post([total](SocketControlEvents& sink) { sink.DataArrival(total); });
+    } else if (count == 0) {
+        m_reading = false;
+        m_state = sckClosing;
+        Post([](SocketControlEvents& sink) { sink.Close(); });
+    } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+        Fail(SocketFailureFromErrno(errno));
+    }
+}
+
+void PosixSocketControl::WriteQueued() {
+    while (m_outgoingOffset < m_outgoing.size()) {
+        ssize_t sent = send(m_fd, m_outgoing.data() + m_outgoingOffset,
+                            m_outgoing.size() - m_outgoingOffset, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+            Fail(SocketFailureFromErrno(errno));
+            return;
+        }
+        m_outgoingOffset += static_cast<std::size_t>(sent);
+        m_bytesSent += static_cast<uint64_t>(sent);
+    }
+    if (m_outgoingOffset == m_outgoing.size()) {
+        m_outgoing.clear();
+        m_outgoingOffset = 0;
+    }
+    CompleteSends();
+}
+
+// One SendComplete for each SendData whose last byte the kernel has taken.
+void PosixSocketControl::CompleteSends() {
+    while (!m_sendEnds.empty() && m_sendEnds.front() <= m_bytesSent) {
+        m_sendEnds.pop_front();
+        Post([](SocketControlEvents& sink) { sink.SendComplete(); });
+    }
+}
+
+// The connection is over: the descriptor goes, and the Error event tells why.
+void PosixSocketControl::Fail(const SocketFailure& failure) {
+    CloseFd();
+    m_state = sckError;
+    m_reading = false;
+    m_addresses.clear();
+    m_outgoing.clear();
+    m_outgoingOffset = 0;
+    m_sendEnds.clear();
+    const int16_t number = failure.number;
+    const std::u16string description = failure.description;
+    Post([number, description](SocketControlEvents& sink) {
+        std::u16string text = description;
+        bool cancelDisplay = false;
+        sink.Error(number, text, kControlFacilityScode | number, kSourceSocket, u"", 0, cancelDisplay);
+    });
+}
+
+void PosixSocketControl::CloseFd() noexcept {
+    if (m_fd >= 0) {
+        close(m_fd);
+        m_fd = -1;
+    }
+}
+
+void PosixSocketControl::Post(std::function<void(SocketControlEvents&)> deliver) {
+    // The token keeps the event alive only while this control is open and alive; the raw this
+    // is therefore valid whenever the event runs. Nothing touches this after the sink returns,
+    // as the handler may release the control.
+    EventLoop::Current().Post(m_eventToken, [this, deliver = std::move(deliver)] {
+        if (m_sink) deliver(*m_sink);
+    });
+}
+
+}  // namespace larkpost::detail

@@ -1,0 +1,103 @@
+// PosixSocketControl: the socket control on POSIX sockets, driven by the thread's EventLoop.
+//
+// Connect resolves the name at once (getaddrinfo; numeric addresses without a lookup), then
+// connects without blocking, trying the next address when one fails. All I/O happens inside the
+// pump: one recv of up to 256 KiB per readable pump (DataArrival, or Close on end of stream),
+// queued output written on POLLOUT. Events are posted with a token as their owner; Close and
+// destruction drop the token and with it every event still queued.
+#ifndef LARKPOST_PLATFORM_POSIX_SOCKET_CONTROL_H
+#define LARKPOST_PLATFORM_POSIX_SOCKET_CONTROL_H
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/event_loop.h"
+#include "platform/socket_control.h"
+#include "platform/socket_errors.h"
+
+namespace larkpost::detail {
+
+class PosixSocketControl final : public SocketControl,
+                                 public IoWatcher,
+                                 public std::enable_shared_from_this<PosixSocketControl> {
+    struct Private {};
+
+public:
+    // Controls are always shared: the loop watches them through weak references.
+    static std::shared_ptr<PosixSocketControl> Create();
+    explicit PosixSocketControl(Private) {}
+    ~PosixSocketControl() override;
+    PosixSocketControl(const PosixSocketControl&) = delete;
+    PosixSocketControl& operator=(const PosixSocketControl&) = delete;
+
+    void SetEvents(SocketControlEvents* sink) override;
+    void Protocol(int32_t value) override;
+    void LocalPort(int32_t value) override;
+    // Throws sckOutOfRange for a port outside 0..65535 and sckBadState unless State is closed.
+    void Connect(const std::u16string& RemoteHost, int32_t RemotePort) override;
+    int16_t State() override;
+    void Close() override;
+    // Throws sckBadState unless connected (or the peer has closed and we may still send).
+    void SendData(std::string_view bytes) override;
+    // MaxLen <= 0 takes everything queued. Throws sckInvalidArg for a Type other than vbString.
+    void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) override;
+    std::u16string LocalHostName() override;
+    std::u16string LocalIP() override;
+
+    // Test seam, per thread: the numeric addresses (in order) a host name stands for, in place
+    // of the name service; an empty list means not found. Empty restores the name service.
+    using ResolverForTesting = std::function<std::vector<std::string>(const std::string& host)>;
+    static void SetResolverForTesting(ResolverForTesting resolver);
+
+    int PollFd() const override;
+    short PollEvents() const override;
+    void OnReady(short revents) override;
+
+private:
+    struct Address {
+        sockaddr_storage storage;
+        socklen_t length;
+    };
+
+    static std::vector<Address> Resolve(const std::string& host, int32_t port);
+    void TryNextAddress();
+    void FinishConnect();
+    void Connected();
+    void ReadOnce();
+    void WriteQueued();
+    void CompleteSends();
+    void Fail(const SocketFailure& failure);
+    void CloseFd() noexcept;
+    void Post(std::function<void(SocketControlEvents&)> deliver);
+
+    SocketControlEvents* m_sink = nullptr;
+    // Owner of the events queued in the loop; replaced by Close to drop them.
+    std::shared_ptr<char> m_eventToken = std::make_shared<char>();
+    int m_fd = -1;
+    int16_t m_state = sckClosed;
+    int32_t m_localPort = 0;
+    bool m_reading = false;
+
+    std::vector<Address> m_addresses;  // still to try while connecting
+    std::size_t m_nextAddress = 0;
+    int m_lastConnectError = 0;
+
+    std::string m_received;  // bytes from m_receivedOffset on wait for GetData
+    std::size_t m_receivedOffset = 0;
+
+    std::string m_outgoing;  // bytes from m_outgoingOffset on wait for POLLOUT
+    std::size_t m_outgoingOffset = 0;
+    uint64_t m_bytesAccepted = 0;  // by SendData, over the connection's life
+    uint64_t m_bytesSent = 0;      // taken by the kernel
+    std::deque<uint64_t> m_sendEnds;  // m_bytesAccepted after each SendData not yet complete
+};
+
+}  // namespace larkpost::detail
+
+#endif

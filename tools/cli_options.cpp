@@ -1,0 +1,189 @@
+#include "cli_options.h"
+
+#include <charconv>
+#include <functional>
+#include <string_view>
+
+#include "cli_error.h"
+
+namespace larkpost::cli {
+namespace {
+
+int32_t ParseNumber(std::string_view option, const std::string& value, int32_t minimum,
+                    int32_t maximum) {
+    int32_t number = 0;
+    auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (error != std::errc() || end != value.data() + value.size() || value.empty() ||
+        number < minimum || number > maximum) {
+        throw UsageError("option " + std::string(option) + " needs a whole number from " +
+                         std::to_string(minimum) + " to " + std::to_string(maximum) + ", not '" +
+                         value + "'");
+    }
+    return number;
+}
+
+struct OptionSpec {
+    std::string_view name;
+    bool takesValue;
+    std::function<void(Options&, const std::string&)> apply;
+};
+
+const std::vector<OptionSpec>& Specs() {
+    static const std::vector<OptionSpec> specs = {
+        {"--help", false, [](Options& o, const std::string&) { o.help = true; }},
+        {"--version", false, [](Options& o, const std::string&) { o.version = true; }},
+        {"--quiet", false, [](Options& o, const std::string&) { o.quiet = true; }},
+        {"--server", true, [](Options& o, const std::string& v) { o.server = v; }},
+        {"--port", true,
+         [](Options& o, const std::string& v) { o.port = ParseNumber("--port", v, 1, 65535); }},
+        {"--timeout", true,
+         [](Options& o, const std::string& v) {
+             o.timeout = ParseNumber("--timeout", v, 1, 24 * 3600);
+         }},
+        {"--user", true, [](Options& o, const std::string& v) { o.user = v; }},
+        {"--password-env", true, [](Options& o, const std::string& v) { o.passwordEnv = v; }},
+        {"--from", true, [](Options& o, const std::string& v) { o.from = v; }},
+        {"--sender-name", true, [](Options& o, const std::string& v) { o.senderName = v; }},
+        {"--to", true, [](Options& o, const std::string& v) { o.to.push_back(v); }},
+        {"--cc", true, [](Options& o, const std::string& v) { o.cc.push_back(v); }},
+        {"--bcc", true, [](Options& o, const std::string& v) { o.bcc.push_back(v); }},
+        {"--subject", true, [](Options& o, const std::string& v) { o.subject = v; }},
+        {"--body", true, [](Options& o, const std::string& v) { o.bodyFile = v; }},
+        {"--html", true, [](Options& o, const std::string& v) { o.htmlFile = v; }},
+        {"--attach", true, [](Options& o, const std::string& v) { o.attachments.push_back(v); }},
+        {"--save", true, [](Options& o, const std::string& v) { o.saveFile = v; }},
+    };
+    return specs;
+}
+
+const OptionSpec* FindSpec(std::string_view name) {
+    for (const auto& spec : Specs()) {
+        if (spec.name == name) return &spec;
+    }
+    return nullptr;
+}
+
+void CheckCombination(const Options& options) {
+    if (options.help || options.version) return;
+    if (options.bodyFile == "-" && options.htmlFile == "-")
+        throw UsageError("--body and --html cannot both read standard input");
+    if (options.saveFile && !options.server.empty())
+        throw UsageError("--save writes the message instead of sending it: leave out --server");
+    if (options.saveFile && options.user)
+        throw UsageError("--user has no use with --save, which sends nothing");
+    if (options.passwordEnv && !options.user)
+        throw UsageError("--password-env needs --user");
+    if (options.from.empty()) throw UsageError("--from is needed: the sender's address");
+    if (!options.saveFile) {
+        if (options.server.empty())
+            throw UsageError("--server is needed to send (or --save FILE to write the message)");
+        if (options.to.empty())
+            throw UsageError("at least one --to is needed to send a message");
+    }
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, const char* const argv[]) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        std::string_view argument = argv[i];
+        std::string_view name = argument;
+        std::optional<std::string> inlineValue;
+        if (auto equals = argument.find('='); argument.starts_with("--") && equals != argument.npos) {
+            name = argument.substr(0, equals);
+            inlineValue = std::string(argument.substr(equals + 1));
+        }
+        if (name == "--password") {
+            throw UsageError(
+                "there is no --password option, so that no password stands on a command line: "
+                "set LARKPOST_PASSWORD, use --password-env VARIABLE, or type it at the prompt");
+        }
+        const OptionSpec* spec = FindSpec(name);
+        if (spec == nullptr) {
+            if (argument.starts_with("-"))
+                throw UsageError("unknown option '" + std::string(argument) + "' (see --help)");
+            throw UsageError("unexpected argument '" + std::string(argument) +
+                             "': every value belongs to an option (see --help)");
+        }
+        if (!spec->takesValue) {
+            if (inlineValue)
+                throw UsageError("option " + std::string(name) + " takes no value");
+            spec->apply(options, {});
+            continue;
+        }
+        std::string value;
+        if (inlineValue) {
+            value = *inlineValue;
+        } else {
+            // "--to --cc x" forgot a value; a value that starts with "--" is given as --to=--x.
+            if (i + 1 >= argc || std::string_view(argv[i + 1]).starts_with("--"))
+                throw UsageError("option " + std::string(name) + " needs a value");
+            value = argv[++i];
+        }
+        spec->apply(options, value);
+    }
+    CheckCombination(options);
+    return options;
+}
+
+std::string HelpText() {
+    return R"(Usage: larkpost --server HOST --from ADDRESS --to ADDRESS [options]
+       larkpost --save FILE --from ADDRESS [options]
+
+Sends one e-mail through an SMTP relay, or writes it to a file.
+
+Connection:
+  --server HOST         the relay's host name or address (needed to send)
+  --port N              the relay's port (default 25)
+  --timeout SECONDS     how long a reply from the server may take (default 30)
+  --user NAME           log in as NAME with AUTH LOGIN or AUTH PLAIN; the password comes from
+                        the environment variable named by --password-env, else LARKPOST_PASSWORD,
+                        else a prompt (without echo) when there is a terminal. There is no
+                        password option: a password never stands on the command line.
+  --password-env VAR    read the password from environment variable VAR
+
+Message:
+  --from ADDRESS        the sender's address (needed)
+  --sender-name NAME    the sender's display name
+  --to ADDRESS          a recipient; repeat for more (at least one is needed to send)
+  --cc ADDRESS          a copy recipient; repeatable
+  --bcc ADDRESS         a blind copy recipient; repeatable. Note: the message text carries a
+                        Bcc: header line, which every recipient receives.
+  --subject TEXT        the subject line
+  --body FILE           the plain text body, UTF-8; "-" reads standard input
+  --html FILE           the HTML body, UTF-8; "-" reads standard input
+  --attach FILE         attach a file; repeatable
+  Text goes out in Windows-1252: a character outside it becomes "?". Line ends of the
+  bodies are sent as CR LF.
+
+Output:
+  --save FILE           write the message text to FILE instead of sending it
+  --quiet               no progress bar and no closing note
+  --help                show this help and exit
+  --version             show the version and exit
+  An option's value may also be given as --option=VALUE; a value that begins with "--"
+  must be given that way.
+
+While sending, a progress bar is drawn on standard error when it is a terminal. It counts
+the message into the send buffer; the text then goes out in one write. Ctrl-C cancels the
+send: nothing of the message text reaches the server. Once the text is on its way, a Ctrl-C
+ends the program at once.
+
+Errors are printed as "larkpost: error NUMBER: DESCRIPTION". The library's own numbers are
+printed in hexadecimal (0xA38F03E8 and up), the runtime's in decimal (5 invalid argument,
+53 file not found, 70 permission denied, ...).
+
+Exit status:
+  0    the message was sent or saved
+  1    an unexpected internal failure
+  2    usage: an unknown option, a missing or bad value, a missing needed option
+  3    file: a body, HTML or attached file cannot be read, or the --save file cannot be written
+  4    connection or server: no connection, no answer in time, a refused greeting, login or
+       command
+  5    message: a blank or repeated recipient, a message too large for the server
+  130  canceled with Ctrl-C
+)";
+}
+
+}  // namespace larkpost::cli

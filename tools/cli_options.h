@@ -1,0 +1,42 @@
+// The command line of the larkpost sender.
+#ifndef LARKPOST_TOOLS_CLI_OPTIONS_H
+#define LARKPOST_TOOLS_CLI_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace larkpost::cli {
+
+struct Options {
+    bool help = false;
+    bool version = false;
+    bool quiet = false;
+    std::string server;
+    int32_t port = 25;
+    int32_t timeout = 30;
+    std::optional<std::string> user;
+    std::optional<std::string> passwordEnv;
+    std::string from;
+    std::string senderName;
+    std::vector<std::string> to;
+    std::vector<std::string> cc;
+    std::vector<std::string> bcc;
+    std::string subject;
+    std::optional<std::string> bodyFile;
+    std::optional<std::string> htmlFile;
+    std::vector<std::string> attachments;
+    std::optional<std::string> saveFile;
+};
+
+// Parses argv; throws CliError (a usage error) for anything it cannot take, including options
+// that only make sense together with others.
+Options ParseOptions(int argc, const char* const argv[]);
+
+// The complete --help text.
+std::string HelpText();
+
+}  // namespace larkpost::cli
+
+#endif

@@ -1,0 +1,245 @@
+// larkpost: sends one e-mail through an SMTP relay, or writes it to a file. See --help.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "cli_error.h"
+#include "cli_options.h"
+#include "larkpost/larkpost.h"
+#include "password_source.h"
+#include "progress_bar.h"
+#include "text_input.h"
+
+namespace larkpost::cli {
+namespace {
+
+// What a Ctrl-C does depends on where the program stands.
+enum Phase : int {
+    kPhaseOther = 0,      // ends the program at once
+    kPhaseCancelable = 1, // asks the running Send to cancel at its next progress event
+    kPhaseFinishing = 2,  // the text is on its way: ends the program at once
+};
+volatile sig_atomic_t g_phase = kPhaseOther;
+volatile sig_atomic_t g_cancelRequested = 0;
+
+void WriteToStderr(const char* text, std::size_t length) { (void)!::write(STDERR_FILENO, text, length); }
+
+extern "C" void OnInterrupt(int) {
+    if (g_phase == kPhaseCancelable && !g_cancelRequested) {
+        g_cancelRequested = 1;
+        return;
+    }
+    static const char note[] = "\r\x1b[K\nlarkpost: canceled\n";
+    WriteToStderr(note, sizeof note - 1);
+    _exit(kExitCanceled);
+}
+
+void InstallSignalHandlers() {
+    struct sigaction interrupt {};
+    interrupt.sa_handler = OnInterrupt;
+    sigemptyset(&interrupt.sa_mask);
+    ::sigaction(SIGINT, &interrupt, nullptr);
+    // A server that closes while text goes out must give an error, not kill the program.
+    ::signal(SIGPIPE, SIG_IGN);
+}
+
+// The status a library error leads to, by the step in which it came.
+enum class Step { FillMessage, Save, Connect, Send };
+
+int StatusFor(Step step, int32_t number) {
+    switch (step) {
+        case Step::FillMessage:
+            return number == ERROR_FILE_NOT_FOUND ? kExitFile : kExitMessage;
+        case Step::Save: return kExitFile;  // the target file, or an attachment read for it
+        case Step::Connect: return kExitServer;
+        case Step::Send:
+            if (number == ERROR_ATTACHMENT_FAILED) return kExitFile;
+            if (number == ERROR_NO_MESSAGE || number == ERROR_NO_RECIPIENTS ||
+                number == ERROR_MESSAGE_TOO_LARGE)
+                return kExitMessage;
+            return kExitServer;
+    }
+    return kExitInternal;
+}
+
+CliError FromRaised(Step step, const RaisedError& error) {
+    return CliError{StatusFor(step, error.Number()), error.Number(), error.what()};
+}
+
+// Runs one step of the program, turning a library error into the command's error.
+template <class Work>
+auto InStep(Step step, Work&& work) {
+    try {
+        return work();
+    } catch (const RaisedError& error) {
+        throw FromRaised(step, error);
+    }
+}
+
+std::string FormatNumber(int32_t number) {
+    char text[16];
+    // The library's own numbers read best as in its table: 0xA38F03E8 and up.
+    if ((static_cast<uint32_t>(number) >> 16) == (static_cast<uint32_t>(ERROR_BASE) >> 16))
+        std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(number));
+    else
+        std::snprintf(text, sizeof text, "%d", number);
+    return text;
+}
+
+// Server replies end in CR LF and may hold several lines.
+std::string FormatDescription(std::string text) {
+    std::string out;
+    for (char c : text) {
+        if (c != '\r') out += c;
+    }
+    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
+    return out;
+}
+
+void PrintError(const CliError& error) {
+    std::string line = "larkpost: error " + FormatNumber(error.number) + ": " +
+                       FormatDescription(error.description) + "\n";
+    std::fputs(line.c_str(), stderr);
+}
+
+std::shared_ptr<MailMessage> FillMessage(const Options& options) {
+    auto message = std::make_shared<MailMessage>();
+    std::u16string body;
+    std::u16string html;
+    if (options.bodyFile) body = ReadTextInput(*options.bodyFile, "body file");
+    if (options.htmlFile) html = ReadTextInput(*options.htmlFile, "HTML file");
+    InStep(Step::FillMessage, [&] {
+        message->FromAddress(std::string_view(options.from));
+        message->SenderName(std::string_view(options.senderName));
+        message->SubjectLine(std::string_view(options.subject));
+        // Bodies go out as quoted-printable codes of Windows-1252; say so to the reader.
+        message->MimeType(std::string_view("text/plain; charset=windows-1252"));
+        if (!body.empty()) message->Body(std::move(body));
+        if (!html.empty()) message->BodyHTML(std::move(html));
+        for (const auto& to : options.to) message->AddRecipient(std::string_view(to));
+        for (const auto& cc : options.cc) message->AddCCRecipient(std::string_view(cc));
+        for (const auto& bcc : options.bcc) message->AddBCCRecipient(std::string_view(bcc));
+        for (const auto& path : options.attachments) message->AttachFile(std::string_view(path));
+    });
+    return message;
+}
+
+// Feeds the progress bar and turns a Ctrl-C into CancelSend.
+class SendListener : public MailClientEvents {
+public:
+    SendListener(MailClient& client, ProgressBar& bar) : m_client(client), m_bar(bar) {}
+
+    void SendProgress(const std::shared_ptr<MailMessage>&, int32_t bytesSent,
+                      int32_t totalBytes) override {
+        m_bar.Update(bytesSent, totalBytes);
+        if (g_cancelRequested) {
+            m_client.CancelSend();
+        } else if (bytesSent >= totalBytes) {
+            // From here on the text leaves in one write that no cancel can stop.
+            g_phase = kPhaseFinishing;
+        }
+    }
+    void SendCanceled() override { m_canceled = true; }
+
+    bool Canceled() const { return m_canceled; }
+
+private:
+    MailClient& m_client;
+    ProgressBar& m_bar;
+    bool m_canceled = false;
+};
+
+int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& message) {
+    std::string password;
+    if (options.user) password = ObtainPassword(*options.user, options.passwordEnv);
+
+    MailClient client;
+    client.Server(std::string_view(options.server));
+    client.Port(options.port);
+    client.Timeout = options.timeout;
+    try {
+        client.Connect(std::string_view(options.user.value_or("")), std::string_view(password));
+    } catch (const RaisedError& error) {
+        CliError failure = FromRaised(Step::Connect, error);
+        failure.description = FormatDescription(failure.description) + " (server " +
+                              options.server + ", port " + std::to_string(options.port) + ")";
+        throw failure;
+    }
+
+    ProgressBar bar(STDERR_FILENO, !options.quiet && ::isatty(STDERR_FILENO));
+    auto listener = std::make_shared<SendListener>(client, bar);
+    client.AddListener(listener);
+    g_phase = kPhaseCancelable;
+    InStep(Step::Send, [&] { client.Send(message); });
+    g_phase = kPhaseOther;
+    bar.Clear();
+    client.RemoveListener(listener);
+
+    if (listener->Canceled()) {
+        std::fputs("larkpost: canceled: the connection was closed before any of the message "
+                   "text reached the server\n",
+                   stderr);
+        return kExitCanceled;
+    }
+    try {
+        client.Disconnect();
+    } catch (const RaisedError&) {
+        // The message is delivered; a QUIT that cannot go out changes nothing for it.
+    }
+    if (!options.quiet) {
+        std::size_t count = options.to.size() + options.cc.size() + options.bcc.size();
+        std::fprintf(stderr, "larkpost: sent to %zu recipient%s through %s:%d\n", count,
+                     count == 1 ? "" : "s", options.server.c_str(), options.port);
+    }
+    return kExitOk;
+}
+
+int Run(int argc, char** argv) {
+    InstallSignalHandlers();
+    if (argc <= 1) {
+        std::fputs(HelpText().c_str(), stderr);
+        return kExitUsage;
+    }
+    Options options = ParseOptions(argc, argv);
+    if (options.help) {
+        std::fputs(HelpText().c_str(), stdout);
+        return kExitOk;
+    }
+    if (options.version) {
+        std::printf("larkpost %s\n", LARKPOST_VERSION);
+        return kExitOk;
+    }
+    auto message = FillMessage(options);
+    if (options.saveFile) {
+        InStep(Step::Save, [&] { message->SaveToFile(std::string_view(*options.saveFile)); });
+        if (!options.quiet) std::fprintf(stderr, "larkpost: saved to %s\n", options.saveFile->c_str());
+        return kExitOk;
+    }
+    return SendMessage(options, message);
+}
+
+}  // namespace
+}  // namespace larkpost::cli
+
+int main(int argc, char** argv) {
+    using namespace larkpost::cli;
+    try {
+        return Run(argc, argv);
+    } catch (const CliError& error) {
+        PrintError(error);
+        return error.status;
+    } catch (const larkpost::RaisedError& error) {
+        PrintError(CliError{kExitInternal, error.Number(), error.what()});
+        return kExitInternal;
+    } catch (const std::bad_alloc&) {
+        PrintError(CliError{kExitInternal, 7, "Out of memory"});
+        return kExitInternal;
+    } catch (const std::exception& error) {
+        PrintError(CliError{kExitInternal, 51, std::string("Internal error: ") + error.what()});
+        return kExitInternal;
+    }
+}
