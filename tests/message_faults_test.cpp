@@ -268,7 +268,7 @@ TEST(SaveFails, FifoThatNobodyReadsDoesNotHang) {
             }
             return 0;
         },
-        std::chrono::seconds(UnderValgrind() ? 120 : 10));
+        std::chrono::seconds(UnderValgrind() ? 30 : 10));
     EXPECT_TRUE(ended) << "SaveToFile blocked writing to a FIFO that nobody reads";
 }
 

@@ -31,20 +31,5 @@ TEST(StringBuilder, ClearEmptiesAndTheBuilderGoesOn) {
     EXPECT_EQ(builder.Contents(), u"again\r\n");
 }
 
-TEST(StringBuilder, ManySmallAppendsAccumulateInOrder) {
-    StringBuilder builder;
-    std::u16string expected;
-    for (int i = 0; i < 50000; ++i) {
-        const std::u16string piece(1, static_cast<char16_t>(u'a' + i % 26));
-        builder.Append(piece);
-        expected += piece;
-        if (i % 1000 == 0) {
-            builder.AppendCRLF();
-            expected += u"\r\n";
-        }
-    }
-    EXPECT_EQ(builder.Contents(), expected);
-}
-
 }  // namespace
 }  // namespace larkpost

@@ -153,6 +153,9 @@ struct IncompleteCase {
     std::u16string description;
 };
 
+// Named in test listings (the default would print the bytes of the struct).
+void PrintTo(const IncompleteCase& c, std::ostream* os) { *os << c.name; }
+
 class SmtpIncompleteCredentialsTest : public ::testing::TestWithParam<IncompleteCase> {};
 
 TEST_P(SmtpIncompleteCredentialsTest, RaiseAfterTheEhloExchangeAndKeepTheConnection) {
@@ -180,6 +183,8 @@ struct UnsupportedCase {
     const char* name;
     std::string ehloReply;
 };
+
+void PrintTo(const UnsupportedCase& c, std::ostream* os) { *os << c.name; }
 
 class SmtpAuthUnsupportedTest : public ::testing::TestWithParam<UnsupportedCase> {};
 

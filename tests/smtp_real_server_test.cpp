@@ -140,6 +140,9 @@ struct LoginCase {
     std::u16string wrongPasswordDescription;
 };
 
+// Named in test listings (the default would print the bytes of the struct).
+void PrintTo(const LoginCase& c, std::ostream* os) { *os << c.name; }
+
 class SmtpAiosmtpdLoginTest : public ::testing::TestWithParam<LoginCase> {
 protected:
     static AiosmtpdServer::Options RequiringLogin(const std::string& mechanisms) {

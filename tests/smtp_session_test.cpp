@@ -138,6 +138,9 @@ struct CapabilityCase {
     int32_t maxMessageSize;
 };
 
+// Named in test listings (the default would print the bytes of the struct).
+void PrintTo(const CapabilityCase& c, std::ostream* os) { *os << c.name; }
+
 class SmtpCapabilityTest : public ::testing::TestWithParam<CapabilityCase> {};
 
 TEST_P(SmtpCapabilityTest, ReadFromTheEhloReply) {
@@ -176,6 +179,8 @@ struct SizeFailureCase {
     std::string sizeLine;
     int32_t number;
 };
+
+void PrintTo(const SizeFailureCase& c, std::ostream* os) { *os << c.name; }
 
 class SmtpSizeFailureTest : public ::testing::TestWithParam<SizeFailureCase> {};
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <utility>
 
 #include "larkpost/error.h"
 #include "larkpost/mail_client.h"
@@ -264,6 +265,9 @@ struct SliceCase {
     std::size_t pauses;
 };
 
+// Named in test listings (the default would print the bytes of the struct).
+void PrintTo(const SliceCase& c, std::ostream* os) { *os << std::to_string(c.length); }
+
 class TransactionSliceTest : public TransactionTest, public ::testing::WithParamInterface<SliceCase> {};
 
 TEST_P(TransactionSliceTest, ProgressPausesAndOneWrite) {
@@ -400,6 +404,71 @@ TEST_F(TransactionTest, AHandlerThatRebuildsTheMessageDoesNotChangeTheTextBeingS
     EXPECT_EQ(listener->progress, (std::vector<int32_t>{512, 1024, 1500}));
     EXPECT_EQ(wire.Writes().back(), original + "\r\n.\r\n");
     EXPECT_NE(TextOf(*message), original);
+}
+
+// A handler that closes or replaces the connection, or runs another Send on it, ends the
+// transaction: no further slice and no end of data go anywhere.
+void ExpectNotConnectedFromTheClient(const RaisedError& error) {
+    EXPECT_EQ(error.Number(), ERROR_NOT_CONNECTED);
+    EXPECT_EQ(error.Description(), u"Not connected.");
+    EXPECT_EQ(error.Source(), detail::kSourceMailClient);
+}
+
+TEST_F(TransactionTest, ConnectFromAProgressHandlerSendsNothingOfTheOldTextToTheNewServer) {
+    test::FastTicks fast;  // a regression would otherwise wait out the 30 s limit
+    ScriptedPeer peer;
+    test::Greet(peer).Reply("250 ok\r\n").Reply("250 ok\r\n").Reply("354 go\r\n").WaitForClose().Accept();
+    test::Greet(peer).WaitForClose();
+    ConnectTo(peer);
+    listener->onProgress = [&](int32_t, int32_t) { client.Connect(); };
+    client.AddListener(listener);
+
+    ExpectNotConnectedFromTheClient(SendFailure(MessageOfLength(2049)));
+    EXPECT_EQ(listener->progress, std::vector<int32_t>{512});
+    EXPECT_TRUE(Connected());  // the handler's new session stays
+    client.Disconnect(true);
+    ASSERT_TRUE(peer.Join());
+    EXPECT_EQ(peer.ReceivedOn(1), ehlo);
+}
+
+TEST_F(TransactionTest, DisconnectFromAProgressHandlerEndsTheTransferAtOnce) {
+    ScriptedPeer peer;
+    test::Greet(peer).Reply("250 ok\r\n").Reply("250 ok\r\n").Reply("354 go\r\n").WaitForClose();
+    ConnectTo(peer);
+    listener->onProgress = [&](int32_t, int32_t) { client.Disconnect(true); };
+    client.AddListener(listener);
+
+    ExpectNotConnectedFromTheClient(SendFailure(MessageOfLength(2049)));
+    EXPECT_EQ(listener->progress, std::vector<int32_t>{512});
+    ASSERT_TRUE(peer.Join());
+    EXPECT_EQ(wire.Writes().size(), 4u);
+}
+
+TEST_F(TransactionTest, AnotherSendFromAProgressHandlerEndsTheOuterTransfer) {
+    test::FastTicks fast;  // a regression would otherwise wait out the 30 s limit
+    auto outer = MessageOfLength(2049);
+    auto inner = SimpleMessage();
+    const std::string innerText = TextOf(*inner);
+    ScriptedPeer peer;
+    // A lenient server that takes the inner transaction behind the outer's first slice.
+    test::Greet(peer).Reply("250 ok\r\n").Reply("250 ok\r\n").Reply("354 go\r\n")
+        .ReadUntil("MAIL FROM: <ann@example.test>\r\n").Send("250 ok\r\n")
+        .Reply("250 ok\r\n").Reply("354 go\r\n").ReadUntil("\r\n.\r\n").Send("250 queued\r\n")
+        .WaitForClose();
+    ConnectTo(peer);
+    bool nested = false;
+    listener->onProgress = [&](int32_t, int32_t) {
+        if (std::exchange(nested, true)) return;
+        client.Send(inner);
+    };
+    client.AddListener(listener);
+
+    ExpectNotConnectedFromTheClient(SendFailure(outer));
+    EXPECT_TRUE(Connected());
+    client.Disconnect(true);
+    ASSERT_TRUE(peer.Join());
+    // After the inner message's end of data nothing more of the outer text went out.
+    EXPECT_EQ(wire.Writes().back(), innerText + "\r\n.\r\n");
 }
 
 TEST(SmtpListenerTest, ListenersAreCalledInOrderOverACopyOfTheList) {

@@ -103,6 +103,10 @@ private:
     int32_t m_capabilities = 0;
     int32_t m_maxMessageSize = 0;
     bool m_cancelRequested = false;
+    // Counts of Connect/Disconnect calls and of Send calls, so that a Send notices when an event
+    // handler has closed or replaced its connection, or run another transaction on it.
+    uint64_t m_connectionEpoch = 0;
+    uint64_t m_transactionEpoch = 0;
     std::vector<std::shared_ptr<MailClientEvents>> m_listeners;
 };
 

@@ -48,18 +48,18 @@ inline void StorePairs(char16_t* dst, uint32_t bits24) {
     std::memcpy(dst + 2, &low, sizeof low);
 }
 
-// Whole groups of three bytes. Two groups per step come from one 64-bit load, which may read
-// two bytes past the pair, so the last group is done on its own.
+// Whole groups of three bytes, two groups a step.
 char16_t* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char16_t* dst) {
-    for (; groups > 2; groups -= 2, src += 6, dst += 8) {
-        uint64_t word;
-        std::memcpy(&word, src, sizeof word);
-        if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
-        StorePairs(dst, static_cast<uint32_t>(word >> 40));
-        StorePairs(dst + 4, static_cast<uint32_t>(word >> 16) & 0xFFFFFF);
+    for (; groups >= 2; groups -= 2, src += 6, dst += 8) {
+        const uint64_t bits48 = uint64_t{src[0]} << 40 | uint64_t{src[1]} << 32 | uint64_t{src[2]} << 24 |
+                                uint64_t{src[3]} << 16 | uint64_t{src[4]} << 8 | src[5];
+        StorePairs(dst, static_cast<uint32_t>(bits48 >> 24));
+        StorePairs(dst + 4, static_cast<uint32_t>(bits48) & 0xFFFFFF);
     }
-    for (; groups != 0; --groups, src += 3, dst += 4)
+    if (groups != 0) {
         StorePairs(dst, uint32_t{src[0]} << 16 | uint32_t{src[1]} << 8 | src[2]);
+        dst += 4;
+    }
     return dst;
 }
 
@@ -155,14 +155,25 @@ using GroupEncoder = char16_t* (*)(const unsigned char*, std::size_t, char16_t*)
 
 GroupEncoder KernelByName(std::string_view name) {
 #if LARKPOST_BASE64_X86
-    __builtin_cpu_init();  // may run before the constructors that would otherwise do it
+    __builtin_cpu_init();  // harmless if done already; needed before libgcc's constructor has run
     if ((name.empty() || name == "avx2") && __builtin_cpu_supports("avx2")) return EncodeGroupsAvx2;
     if ((name.empty() || name == "ssse3") && __builtin_cpu_supports("ssse3")) return EncodeGroupsSsse3;
 #endif
     return name.empty() || name == "scalar" ? EncodeGroupsScalar : nullptr;
 }
 
-std::atomic<GroupEncoder> g_encodeGroups{KernelByName({})};
+// Chosen at the first use rather than by a static constructor, which another translation
+// unit's static initialisation could come before.
+std::atomic<GroupEncoder> g_encodeGroups{nullptr};
+
+GroupEncoder CurrentKernel() {
+    GroupEncoder kernel = g_encodeGroups.load(std::memory_order_relaxed);
+    if (kernel == nullptr) {
+        kernel = KernelByName({});
+        g_encodeGroups.store(kernel, std::memory_order_relaxed);
+    }
+    return kernel;
+}
 
 // The last one or two bytes, padded to four characters.
 inline char16_t* EncodeTail(const unsigned char* src, std::size_t count, char16_t* dst) {
@@ -190,7 +201,7 @@ void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out) {
 
     // Lines are encoded into a small buffer that stays in the cache and then appended in one
     // copy: the output is written once, with no zero-filling of it beforehand.
-    const GroupEncoder encodeGroups = g_encodeGroups.load(std::memory_order_relaxed);
+    const GroupEncoder encodeGroups = CurrentKernel();
     char16_t chunk[kChunkLines * (kLineCharacters + 2)];
     const auto* src = reinterpret_cast<const unsigned char*>(bytes.data());
     std::size_t remaining = bytes.size();

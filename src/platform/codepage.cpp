@@ -13,10 +13,14 @@ constexpr std::array<char16_t, 32> kHighControls = {
     0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
     0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
 
-// Byte for every 16-bit character; built once, 64 KiB, so conversion is one lookup a character.
+// Byte for every 16-bit character and character for every byte; built once, so conversion is
+// one lookup a character either way.
 struct ByteTable {
     std::array<unsigned char, 65536> bytes{};
+    std::array<char16_t, 256> chars{};
     ByteTable() {
+        for (unsigned b = 0; b < 256; ++b)
+            chars[b] = (b >= 0x80 && b < 0xA0) ? kHighControls[b - 0x80] : static_cast<char16_t>(b);
         bytes.fill('?');
         for (unsigned c = 0; c < 256; ++c) bytes[c] = static_cast<unsigned char>(c);
         for (unsigned c = 0x80; c < 0xA0; ++c) bytes[c] = '?';
@@ -34,9 +38,7 @@ const ByteTable& Table() {
 
 unsigned char AnsiByte(char16_t c) { return Table().bytes[c]; }
 
-char16_t AnsiChar(unsigned char b) {
-    return (b >= 0x80 && b < 0xA0) ? kHighControls[b - 0x80] : static_cast<char16_t>(b);
-}
+char16_t AnsiChar(unsigned char b) { return Table().chars[b]; }
 
 void AppendAnsi(std::string& out, std::u16string_view text) {
     const auto& bytes = Table().bytes;
@@ -56,7 +58,8 @@ void AppendFromAnsi(std::u16string& out, std::string_view bytes) {
     std::size_t at = out.size();
     out.resize(at + bytes.size());
     char16_t* dst = out.data() + at;
-    for (char b : bytes) *dst++ = AnsiChar(static_cast<unsigned char>(b));
+    const auto& chars = Table().chars;
+    for (char b : bytes) *dst++ = chars[static_cast<unsigned char>(b)];
 }
 
 std::u16string FromAnsi(std::string_view bytes) {

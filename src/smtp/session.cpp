@@ -9,6 +9,7 @@
 namespace larkpost {
 
 std::any MailClient::Connect(const std::u16string& Username, const std::u16string& Password) {
+    ++m_connectionEpoch;
     // An open connection is dropped without QUIT; the stream starts the new one with empty
     // buffers, so nothing the old one left behind reaches the new server.
     if (m_stream->Connected()) m_stream->Disconnect();
@@ -32,6 +33,7 @@ std::any MailClient::Connect(std::string_view Username, std::string_view Passwor
 }
 
 std::any MailClient::Disconnect(bool bForce) {
+    ++m_connectionEpoch;
     if (!m_stream->Connected()) return {};
     if (!bForce) {
         // QUIT must leave before the close; its reply is not awaited. Should that write fail,

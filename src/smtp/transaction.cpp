@@ -61,6 +61,7 @@ void MailClient::Send(std::shared_ptr<MailMessage> message) {
 
     // A CancelSend from before this point does not concern this transfer.
     m_cancelRequested = false;
+    ++m_transactionEpoch;
 
     SendCommandChecked(u"MAIL FROM: <" + message->FromAddress() + u">");
     for (const std::u16string& recipient : recipients) SendCommandChecked(u"RCPT TO: <" + recipient + u">");
@@ -74,6 +75,8 @@ void MailClient::Send(std::shared_ptr<MailMessage> message) {
 }
 
 bool MailClient::TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text) {
+    const uint64_t connection = m_connectionEpoch;
+    const uint64_t transaction = m_transactionEpoch;
     const auto totalBytes = static_cast<int32_t>(text.size());
     int32_t bytesSent = 0;
     for (std::size_t start = 0; start < text.size(); start += kSliceLength) {
@@ -86,9 +89,17 @@ bool MailClient::TransferText(const std::shared_ptr<MailMessage>& message, std::
             RaiseSendProgress(message, bytesSent, totalBytes);
         } catch (...) {
             // The server is inside DATA and part of the text sits in the send buffer: the
-            // session cannot be reused, so it ends here, and the handler's error goes on.
-            DropConnectionQuietly();
+            // session cannot be reused, so it ends here (unless the handler already closed or
+            // replaced it), and the handler's error goes on.
+            if (m_connectionEpoch == connection) DropConnectionQuietly();
             throw;
+        }
+
+        // A handler that closed or replaced the connection, or ran another Send on it, has
+        // ended this transaction: nothing more of the text may go out, least of all to a
+        // server that now reads commands.
+        if (m_connectionEpoch != connection || m_transactionEpoch != transaction) {
+            detail::Raise(ERROR_NOT_CONNECTED, u"Not connected.", detail::kSourceMailClient);
         }
 
         if (m_cancelRequested) {
