@@ -8,6 +8,7 @@
 #define LARKPOST_TCP_STREAM_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -75,8 +76,10 @@ private:
     // The waits sleep between pumps and end when nothing on the thread can deliver an event.
     // Peek's wait, until the state or STATE_ERROR; false when it could never end.
     bool WaitForState(int32_t state);
-    // Connect's wait; false when the connection did not come up (closed first, or no outcome).
-    bool WaitForConnectOutcome();
+    // Connect's wait, until a state of the list or STATE_ERROR; false when the connection did
+    // not come up (closed first, or no outcome).
+    bool WaitForAnyState(std::initializer_list<int32_t> states);
+    static bool IsInList(int32_t value, std::initializer_list<int32_t> list);
     // Flush's wait; false when the connection closed before the text was reported gone.
     bool WaitForSendComplete();
     void RaiseRecordedError();

@@ -126,7 +126,7 @@ void TcpStream::Connect(const std::u16string& HostnameOrIP, const int32_t& Port)
         // Only the new control can deliver events from here on, so nothing of the old
         // connection can slip in after this.
         DiscardLeftovers();
-        cameUp = WaitForConnectOutcome();
+        cameUp = WaitForAnyState({STATE_CONNECTED, STATE_DATA_ARRIVED});
     } catch (const std::exception& error) {
         Raise(ERROR_CONNECTION_FAILED, ConnectionFailure(HostnameOrIP, Port, DescriptionOf(error)),
               kSourceTcpStream);
@@ -230,14 +230,19 @@ bool TcpStream::WaitForState(int32_t state) {
     return PumpUntil([&] { return m_state == state || m_state == STATE_ERROR; });
 }
 
-bool TcpStream::WaitForConnectOutcome() {
+bool TcpStream::IsInList(int32_t value, std::initializer_list<int32_t> list) {
+    for (int32_t element : list)
+        if (element == value) return true;
+    return false;
+}
+
+bool TcpStream::WaitForAnyState(std::initializer_list<int32_t> states) {
     const uint64_t connects = m_connectEvents;
     const uint64_t closes = m_closeEvents;
     // A Connect event counts even when a Close of the same pump has overwritten it: the peer
     // accepted and hung up at once, and what it said before is still readable.
     auto settled = [&] {
-        return m_state == STATE_CONNECTED || m_state == STATE_DATA_ARRIVED ||
-               m_state == STATE_ERROR || m_connectEvents != connects;
+        return IsInList(m_state, states) || m_state == STATE_ERROR || m_connectEvents != connects;
     };
     PumpUntil([&] { return settled() || m_closeEvents != closes; });
     return settled();
