@@ -82,17 +82,13 @@ std::string ReadBytes(const OpenedFile& file, const std::string& nativePath) {
 FileHandle OpenFileForWriting(const std::string& nativePath) {
     int fd;
     do {
-        fd = ::open(nativePath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+        // Write-only and non-blocking: a FIFO that nobody reads then fails at once (ENXIO, 75)
+        // instead of blocking the write for ever; one with a reader (a pipe to a pager) works.
+        fd = ::open(nativePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) RaiseErrno(errno, FileUse::Create, nativePath);
-    FileHandle file(fd);
-    // A FIFO or socket would block the write for as long as nobody reads it: not a file to save to.
-    struct stat info;
-    if (::fstat(fd, &info) != 0) RaiseErrno(errno, FileUse::Create, nativePath);
-    if (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode))
-        RaiseFileError(ERROR_PATH_FILE_ACCESS, kSourceMailMessage);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    return file;
+    return FileHandle(fd);
 }
 
 void WriteAll(const FileHandle& file, std::string_view bytes, const std::string& nativePath) {
