@@ -9,14 +9,12 @@
 #include <Poco/Base64Encoder.h>
 #include <Poco/Net/QuotedPrintableEncoder.h>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <arpa/inet.h>
-
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <optional>

@@ -12,36 +12,31 @@ namespace larkpost::cli {
 namespace {
 
 TEST(CliTextInput, EveryLineEndBecomesCrLf) {
-    EXPECT_EQ(WithCrLfLineEnds(u"a\nb\r\nc\rd"), u"a\r\nb\r\nc\r\nd");
-    EXPECT_EQ(WithCrLfLineEnds(u"\r\r\n\n"), u"\r\n\r\n\r\n");
-    EXPECT_EQ(WithCrLfLineEnds(u"no line end"), u"no line end");
-    EXPECT_EQ(WithCrLfLineEnds(u""), u"");
-    EXPECT_EQ(WithCrLfLineEnds(u"end\r"), u"end\r\n");
+    const std::pair<std::u16string, std::u16string> cases[] = {
+        {u"a\nb\r\nc\rd", u"a\r\nb\r\nc\r\nd"}, {u"\r\r\n\n", u"\r\n\r\n\r\n"},
+        {u"no line end", u"no line end"},       {u"", u""},
+        {u"end\r", u"end\r\n"}};
+    for (const auto& [text, expected] : cases) EXPECT_EQ(WithCrLfLineEnds(text), expected);
 }
 
 TEST(CliProgress, SizesReadAsBytesKibAndMib) {
-    EXPECT_EQ(FormatSize(0), "0 B");
-    EXPECT_EQ(FormatSize(1023), "1023 B");
-    EXPECT_EQ(FormatSize(1024), "1.0 KiB");
-    EXPECT_EQ(FormatSize(1536), "1.5 KiB");
-    EXPECT_EQ(FormatSize(1024 * 1024), "1.0 MiB");
-    EXPECT_EQ(FormatSize(int64_t{5} * 1024 * 1024 * 1024), "5120.0 MiB");
+    const std::pair<int64_t, std::string> cases[] = {
+        {0, "0 B"},           {1023, "1023 B"},          {1024, "1.0 KiB"},
+        {1536, "1.5 KiB"},    {1024 * 1024, "1.0 MiB"}, {int64_t{5} << 30, "5120.0 MiB"}};
+    for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSize(bytes), text);
 }
 
-TEST(CliProgress, LineShowsBarPercentAndCounts) {
+TEST(CliProgress, LineShowsBarPercentAndCountsAndNeverWraps) {
     // 80 columns: the bar takes what the counts leave, less one column against wrapping.
     std::string quarter = FormatProgressLine(512, 2048, 80);
-    EXPECT_EQ(quarter, "Sending [" + std::string(11, '#') + std::string(35, '.') +
-                           "]  25%  512 B of 2.0 KiB");
+    EXPECT_EQ(quarter,
+              "Sending [" + std::string(11, '#') + std::string(35, '.') + "]  25%  512 B of 2.0 KiB");
     EXPECT_EQ(quarter.size(), 79u);
-    std::string done = FormatProgressLine(2048, 2048, 100);
-    EXPECT_EQ(done, "Sending [" + std::string(50, '#') + "] 100%  2.0 KiB, waiting for the server");
-}
-
-TEST(CliProgress, LineNeverWrapsOnNarrowTerminalsAndSurvivesOddCounts) {
+    EXPECT_EQ(FormatProgressLine(2048, 2048, 100),
+              "Sending [" + std::string(50, '#') + "] 100%  2.0 KiB, waiting for the server");
     for (int columns : {1, 2, 10, 20, 40, 60, 80, 200}) {
         std::string line = FormatProgressLine(700, 100000, columns);
-        EXPECT_LE(static_cast<int>(line.size()), std::max(columns - 1, 1)) << columns << ": " << line;
+        EXPECT_LE(static_cast<int>(line.size()), std::max(columns - 1, 1)) << columns << line;
     }
     EXPECT_NE(FormatProgressLine(0, 0, 80).find("100%"), std::string::npos);
     EXPECT_NE(FormatProgressLine(-5, 100, 80).find("  0%"), std::string::npos);
@@ -66,24 +61,23 @@ TEST(CliOptions, RepeatableOptionsAndInlineValues) {
     EXPECT_EQ(options.timeout, 5);
     EXPECT_TRUE(options.quiet);
     EXPECT_FALSE(options.user.has_value());
-}
-
-TEST(CliOptions, HelpAndVersionNeedNothingElse) {
+    // Help and version need nothing else.
     EXPECT_TRUE(Parse({"--help"}).help);
     EXPECT_TRUE(Parse({"--version"}).version);
 }
 
 TEST(CliOptions, MistakesAreUsageErrorsNumbered5) {
-    for (std::vector<const char*> args :
-         {std::vector<const char*>{"--from", "a", "--to", "b", "--server", "h", "--port", "0"},
-          std::vector<const char*>{"--from", "a", "--to", "b", "--server", "h", "--port", "25x"},
-          std::vector<const char*>{"--from", "a", "--to", "b", "--server", "h", "--port", ""},
-          std::vector<const char*>{"--from", "a", "--to"},
-          std::vector<const char*>{"--from", "a", "--to", "b", "--server", "h", "--timeout", "0"},
-          std::vector<const char*>{"-x"}}) {
+    const std::vector<std::vector<const char*>> cases = {
+        {"--from", "a", "--to", "b", "--server", "h", "--port", "0"},
+        {"--from", "a", "--to", "b", "--server", "h", "--port", "25x"},
+        {"--from", "a", "--to", "b", "--server", "h", "--port", ""},
+        {"--from", "a", "--to"},
+        {"--from", "a", "--to", "b", "--server", "h", "--timeout", "0"},
+        {"-x"}};
+    for (const auto& args : cases) {
         try {
             Parse(args);
-            ADD_FAILURE() << "accepted: " << args.size() << " arguments";
+            ADD_FAILURE() << "accepted: " << args.back();
         } catch (const CliError& error) {
             EXPECT_EQ(error.status, kExitUsage);
             EXPECT_EQ(error.number, 5);

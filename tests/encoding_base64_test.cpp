@@ -27,48 +27,41 @@ void ExpectLineShape(const std::string& text) {
     }
 }
 
-TEST(Base64, ShortTextsAndPadding) {
-    EXPECT_EQ(Base64Encode(u""), u"");
-    EXPECT_EQ(Base64Encode(u"a"), u"YQ==");
-    EXPECT_EQ(Base64Encode(u"ab"), u"YWI=");
-    EXPECT_EQ(Base64Encode(u"abc"), u"YWJj");
-    EXPECT_EQ(Base64Encode(u"abcd"), u"YWJjZA==");
+// Text goes through the code page, one byte a character.
+TEST(Base64, EncodesTextThroughTheCodePageWithPadding) {
+    const std::pair<std::u16string, std::u16string> cases[] = {
+        {u"", u""},         {u"a", u"YQ=="},    {u"ab", u"YWI="},
+        {u"abc", u"YWJj"},  {u"abcd", u"YWJjZA=="},
+        {std::u16string(u"\0user\0pass", 10), u"AHVzZXIAcGFzcw=="},  // the AUTH PLAIN token
+        {u"\u20AC", u"gA=="},  // one byte, 0x80, not two
+        {u"\u4E2D", u"Pw=="},  // not on the page: "?"
+        {u"\u00FF\u00FE", u"//4="},
+    };
+    for (const auto& [text, encoded] : cases)
+        EXPECT_EQ(Base64Encode(text), encoded) << testing::PrintToString(text);
 }
 
-TEST(Base64, TextGoesThroughTheCodePageOneByteEach) {
-    // The AUTH PLAIN token: NUL characters become zero bytes.
-    EXPECT_EQ(Base64Encode(std::u16string(u"\0user\0pass", 10)), u"AHVzZXIAcGFzcw==");
-    EXPECT_EQ(Base64Encode(u"\u20AC"), u"gA==");  // one byte, 0x80, not two
-    EXPECT_EQ(Base64Encode(u"\u4E2D"), u"Pw==");  // not on the page: "?"
-    EXPECT_EQ(Base64Encode(u"\u00FF\u00FE"), u"//4=");
-}
-
-TEST(Base64, LinesBreakAfter76CharactersWithNoBreakAtTheEnd) {
-    EXPECT_EQ(EncodeBytes(std::string(57, '\0')), std::u16string(76, u'A'));
-    EXPECT_EQ(EncodeBytes(std::string(58, '\0')), std::u16string(76, u'A') + u"\r\nAA==");
-    EXPECT_EQ(EncodeBytes(std::string(114, '\0')), std::u16string(76, u'A') + u"\r\n" + std::u16string(76, u'A'));
-    EXPECT_EQ(Base64EncodedLength(0), 0u);
-    EXPECT_EQ(Base64EncodedLength(115), 160u);
-    const std::string big(10000, '\xA5');
-    std::u16string out = EncodeBytes(big);
-    EXPECT_EQ(out.size(), Base64EncodedLength(big.size()));
-    ExpectLineShape(ToAnsi(out));
-}
-
-TEST(Base64, AppendsBehindExistingText) {
+TEST(Base64, LinesBreakAfter76CharactersAndBytesAppendBehindExistingText) {
+    const std::u16string line(76, u'A');
+    EXPECT_EQ(EncodeBytes(std::string(57, '\0')), line);
+    EXPECT_EQ(EncodeBytes(std::string(58, '\0')), line + u"\r\nAA==");
+    EXPECT_EQ(EncodeBytes(std::string(114, '\0')), line + u"\r\n" + line);
     std::u16string out = u"head:";
     Base64EncodeBytesTo("abc", out);
     Base64EncodeBytesTo("", out);
     EXPECT_EQ(out, u"head:YWJj");
+    EXPECT_FALSE(SelectBase64KernelForTesting("neon-on-x86"));
 }
 
 // All 256 byte values, and random bytes of every length from 0 to 200 (across the 57-byte line
 // and both paddings) and around the buffer of whole lines, decode back with Python's decoder,
-// whichever of the encoding kernels this machine has runs them.
+// whichever of the encoding kernels this machine has runs them. Their lengths are exactly
+// Base64EncodedLength.
 class Base64Kernels : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override {
-        if (!SelectBase64KernelForTesting(GetParam())) GTEST_SKIP() << GetParam() << " not on this machine";
+        if (!SelectBase64KernelForTesting(GetParam()))
+            GTEST_SKIP() << GetParam() << " not on this machine";
     }
     void TearDown() override { SelectBase64KernelForTesting(""); }
 };
@@ -80,14 +73,14 @@ TEST_P(Base64Kernels, EveryByteAndLengthRoundTripsThroughAnIndependentDecoder) {
     EXPECT_EQ(Base64Encode(FromAnsi(all)), EncodeBytes(all));
 
     std::mt19937 random(7);
-    std::vector<std::size_t> lengths;
-    for (std::size_t n = 0; n <= 200; ++n) lengths.push_back(n);
-    for (std::size_t n : {1000u, 3647u, 3648u, 3649u, 7298u, 20000u}) lengths.push_back(n);
-    for (std::size_t n : lengths) {
+    auto randomBytes = [&](std::size_t n) {
         std::string bytes(n, '\0');
         for (char& b : bytes) b = static_cast<char>(random());
-        inputs.push_back(bytes);
-    }
+        return bytes;
+    };
+    for (std::size_t n = 0; n <= 200; ++n) inputs.push_back(randomBytes(n));
+    for (std::size_t n : {1000u, 3647u, 3648u, 3649u, 7298u, 20000u})
+        inputs.push_back(randomBytes(n));
     std::vector<std::string> encoded;
     for (const auto& bytes : inputs) {
         const std::u16string out = EncodeBytes(bytes);
@@ -97,12 +90,11 @@ TEST_P(Base64Kernels, EveryByteAndLengthRoundTripsThroughAnIndependentDecoder) {
     }
     const auto decoded = test::DecodeWithPython("base64.b64decode", encoded);
     ASSERT_EQ(decoded.size(), inputs.size());
-    for (std::size_t i = 0; i < inputs.size(); ++i) EXPECT_EQ(decoded[i], inputs[i]) << "length " << inputs[i].size();
+    for (std::size_t i = 0; i < inputs.size(); ++i)
+        EXPECT_EQ(decoded[i], inputs[i]) << "length " << inputs[i].size();
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, Base64Kernels, ::testing::Values("scalar", "ssse3", "avx2"));
-
-TEST(Base64, UnknownKernelIsRefused) { EXPECT_FALSE(SelectBase64KernelForTesting("neon-on-x86")); }
 
 }  // namespace
 }  // namespace larkpost::detail

@@ -5,18 +5,14 @@
 namespace larkpost::detail {
 namespace {
 
-TEST(GetFileExtension, IsWhatFollowsTheLastDot) {
-    EXPECT_EQ(GetFileExtension(u"report.txt"), u"txt");
-    EXPECT_EQ(GetFileExtension(u"archive.tar.GZ"), u"GZ");
-    EXPECT_EQ(GetFileExtension(u".profile"), u"profile");
-    EXPECT_EQ(GetFileExtension(u"name."), u"");
-    // The name is not read as a path: a dot in a directory counts like any other.
-    EXPECT_EQ(GetFileExtension(u"/home/a.b/readme"), u"b/readme");
-}
-
-TEST(GetFileExtension, NoDotGivesNoValue) {
-    EXPECT_EQ(GetFileExtension(u"Makefile"), std::nullopt);
-    EXPECT_EQ(GetFileExtension(u""), std::nullopt);
+// The name is not read as a path: a dot in a directory counts like any other.
+TEST(GetFileExtension, IsWhatFollowsTheLastDotAndNothingWithoutADot) {
+    const std::pair<std::u16string, std::optional<std::u16string>> cases[] = {
+        {u"report.txt", u"txt"},   {u"archive.tar.GZ", u"GZ"}, {u".profile", u"profile"},
+        {u"name.", u""},           {u"/home/a.b/readme", u"b/readme"},
+        {u"Makefile", std::nullopt}, {u"", std::nullopt}};
+    for (const auto& [name, extension] : cases)
+        EXPECT_EQ(GetFileExtension(name), extension) << testing::PrintToString(name);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // The MIME assembly: the exact text of each row group, the cache, and what Python reads back.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "larkpost/mail_message.h"
 #include "platform/codepage.h"
@@ -19,146 +21,77 @@ const std::u16string& Build(MailMessage& message) {
     return MailMessageAccess::BuildMessage(message);
 }
 
-// The text as the wire and the file see it: one code-page byte per character.
-test::ParsedMime Parse(const std::u16string& text) { return test::ParseMime(detail::ToAnsi(text)); }
-
-const std::u16string& kEntityHead = test::kFixedEntityHead;
-const std::u16string kEntityTail = test::kFixedAlternativeClose + test::kFixedMixedClose;
-
-TEST(MimeAssembly, WorkedExampleCharacterForCharacter) {
-    test::FixedBoundaries fixed;
-    MailMessage message;
-    message.SubjectLine(u"Hello");
-    message.FromAddress(u"ann");
-    message.SenderName(u"Ann Lee");
-    message.AddRecipient(u"bob");
-    message.AddRecipient(u"cid");
-    message.Body(u"Hi there.\r\n");
-    const std::u16string expected =
-        u"Subject: Hello\r\n"
-        u"From: \"Ann Lee\" <ann>\r\n"
-        u"To: bob;cid\r\n"
-        u"Content-Type: multipart/mixed;boundary=\"--=-MessageBoundary_1_360005\"\r\n"
-        u"MIME-Version: 1.0\r\n"
-        u"\r\n"
-        u"\r\n"
-        u"----=-MessageBoundary_1_360005\r\n"
-        u"Content-Type: multipart/alternative;boundary=\"--=-MessageBoundary_2_360005\"\r\n"
-        u"MIME-Version: 1.0\r\n"
-        u"\r\n"
-        u"\r\n"
-        u"\r\n"
-        u"----=-MessageBoundary_2_360005\r\n"
-        u"Content-Type: text/plain\r\n"
-        u"Content-Transfer-Encoding: quoted-printable\r\n"
-        u"Content-Length: 19\r\n"
-        u"\r\n"
-        u"Hi=20there=2E=0D=0A\r\n"
-        u"\r\n"
-        u"----=-MessageBoundary_2_360005--\r\n"
-        u"\r\n"
-        u"\r\n"
-        u"----=-MessageBoundary_1_360005--\r\n";
-    const std::u16string& text = Build(message);
-    EXPECT_EQ(Utf8(text), Utf8(expected));
-    EXPECT_EQ(text.size(), 500u);
-    EXPECT_EQ(detail::BoundaryCounterForTesting(), 3);  // two boundaries, no more
+// With fixed boundaries: the rows of one body part of the alternative entity, then its text.
+std::u16string Part(std::u16string_view type, std::u16string_view length,
+                    std::u16string_view text) {
+    return u"\r\n\r\n----=-MessageBoundary_2_360005\r\nContent-Type: " + std::u16string(type) +
+           u"\r\nContent-Transfer-Encoding: quoted-printable\r\nContent-Length: " +
+           std::u16string(length) + u"\r\n\r\n" + std::u16string(text);
+}
+const std::u16string kHtmlType = u"text/html; charset=iso-8859-1";
+const std::u16string kTail = test::kFixedAlternativeClose + test::kFixedMixedClose;
+// The text of a message whose To (or Bcc) line ends `headers` and whose bodies give `parts`.
+std::u16string Text(const std::u16string& headers, const std::u16string& parts = u"") {
+    return headers + test::kFixedEntityHead + parts + kTail;
 }
 
-TEST(MimeAssembly, NoBodiesGiveAnEmptyAlternativeEntity) {
-    test::FixedBoundaries fixed;
-    MailMessage message;
-    message.FromAddress(u"ann@x");
-    EXPECT_EQ(Utf8(Build(message)), Utf8(u"Subject: \r\nFrom: ann@x\r\nTo: \r\n" + kEntityHead +
-                                         kEntityTail));
-}
+// A message's fields (in the order the setters are called) and its expected text.
+struct ExactCase {
+    const char* name;
+    std::u16string subject{}, from{}, sender{};
+    std::vector<std::u16string> to{}, cc{}, bcc{};
+    std::u16string body{}, html{};
+    std::optional<std::u16string> mimeType{};
+    std::u16string expected;
+};
 
-TEST(MimeAssembly, HtmlOnlyStandsBehindThreeBlankLinesWithItsFixedType) {
-    test::FixedBoundaries fixed;
-    MailMessage message;
-    message.MimeType(u"text/enriched");  // applies to the plain body alone
-    message.BodyHTML(u"<p>a.b</p>");
-    EXPECT_EQ(Utf8(Build(message)),
-              Utf8(u"Subject: \r\nFrom: \r\nTo: \r\n" + kEntityHead +
-                   u"\r\n\r\n----=-MessageBoundary_2_360005\r\n"
-                   u"Content-Type: text/html; charset=iso-8859-1\r\n"
-                   u"Content-Transfer-Encoding: quoted-printable\r\n"
-                   u"Content-Length: 12\r\n"
-                   u"\r\n"
-                   u"<p>a=2Eb</p>" +
-                   kEntityTail));
-}
-
-TEST(MimeAssembly, BothBodiesCcBccAndABareAddress) {
-    test::FixedBoundaries fixed;
-    MailMessage message;
-    message.SubjectLine(u"S");
-    message.FromAddress(u"ann@x");
-    message.AddRecipient(u"a");
-    message.AddRecipient(u" b ");
-    message.AddCCRecipient(u"c");
-    message.AddBCCRecipient(u"d");
-    message.AddBCCRecipient(u"e");
-    message.Body(u"x y");
-    message.BodyHTML(u"=");
-    EXPECT_EQ(Utf8(Build(message)),
-              Utf8(u"Subject: S\r\nFrom: ann@x\r\nTo: a; b \r\nCc: c\r\nBcc: d;e\r\n" + kEntityHead +
-                   u"\r\n\r\n----=-MessageBoundary_2_360005\r\n"
-                   u"Content-Type: text/plain\r\n"
-                   u"Content-Transfer-Encoding: quoted-printable\r\n"
-                   u"Content-Length: 5\r\n"
-                   u"\r\n"
-                   u"x=20y"
-                   u"\r\n\r\n----=-MessageBoundary_2_360005\r\n"
-                   u"Content-Type: text/html; charset=iso-8859-1\r\n"
-                   u"Content-Transfer-Encoding: quoted-printable\r\n"
-                   u"Content-Length: 3\r\n"
-                   u"\r\n"
-                   u"=3D" +
-                   kEntityTail));
-}
-
-TEST(MimeAssembly, OnlyTheListsThatHoldAddressesGetALine) {
-    MailMessage message;
-    message.AddCCRecipient(u"c");
-    std::u16string text = Build(message);
-    EXPECT_NE(text.find(u"\r\nTo: \r\nCc: c\r\nContent-Type: multipart/mixed"), std::u16string::npos);
-    EXPECT_EQ(text.find(u"Bcc:"), std::u16string::npos);
-    message.RemoveCCRecipient(u"c");
-    message.AddBCCRecipient(u"d");
-    text = Build(message);
-    EXPECT_NE(text.find(u"\r\nTo: \r\nBcc: d\r\nContent-Type: multipart/mixed"), std::u16string::npos);
-    EXPECT_EQ(text.find(u"Cc:"), std::u16string::npos);
-}
-
-TEST(MimeAssembly, SenderValuesAreWrittenUnescaped) {
-    MailMessage message;
-    message.SenderName(u"Ann \"the\" Lee");
-    EXPECT_TRUE(Build(message).starts_with(u"Subject: \r\nFrom: \"Ann \"the\" Lee\" <>\r\nTo: \r\nC"));
-    message.FromAddress(u"a@x");
-    message.SubjectLine(u"caf\u00E9 \u4E2D");  // no encoded words: the value as it stands
-    EXPECT_TRUE(Build(message).starts_with(
-        u"Subject: caf\u00E9 \u4E2D\r\nFrom: \"Ann \"the\" Lee\" <a@x>\r\nTo: \r\n"));
-}
-
-TEST(MimeAssembly, MimeTypeGoesIntoThePlainPartUnchanged) {
-    MailMessage message;
-    message.Body(u"b");
-    message.MimeType(u"");
-    EXPECT_NE(Build(message).find(u"\r\nContent-Type: \r\nContent-Transfer-Encoding: quoted-printable"),
-              std::u16string::npos);
-    message.MimeType(u"text/html");
-    message.BodyHTML(u"h");
-    test::ParsedMime parsed = Parse(Build(message));
-    EXPECT_EQ(parsed.structure, "multipart/mixed(multipart/alternative(text/html,text/html))");
-}
-
-TEST(MimeAssembly, LengthCountsSoftBreaksOfTheEncodedText) {
-    MailMessage message;
-    message.Body(std::u16string(200, u'a'));
-    const std::u16string& text = Build(message);
-    EXPECT_NE(text.find(u"Content-Length: 206\r\n\r\n" + std::u16string(75, u'a') + u"=\r\n"),
-              std::u16string::npos);
+TEST(MimeAssembly, EveryRowGroupCharacterForCharacter) {
+    const std::u16string none = u"Subject: \r\nFrom: \r\nTo: \r\n", a75(75, u'a');
+    const ExactCase cases[] = {
+        {.name = "worked example", .subject = u"Hello", .from = u"ann", .sender = u"Ann Lee",
+         .to = {u"bob", u"cid"}, .body = u"Hi there.\r\n",
+         .expected = Text(u"Subject: Hello\r\nFrom: \"Ann Lee\" <ann>\r\nTo: bob;cid\r\n",
+                          Part(u"text/plain", u"19", u"Hi=20there=2E=0D=0A"))},
+        {.name = "no bodies give an empty alternative entity", .from = u"ann@x",
+         .expected = Text(u"Subject: \r\nFrom: ann@x\r\nTo: \r\n")},
+        {.name = "HTML alone; MimeType concerns the plain body only", .html = u"<p>a.b</p>",
+         .mimeType = u"text/enriched", .expected = Text(none, Part(kHtmlType, u"12", u"<p>a=2Eb</p>"))},
+        {.name = "both bodies, Cc, Bcc, addresses with spaces", .subject = u"S", .from = u"ann@x",
+         .to = {u"a", u" b "}, .cc = {u"c"}, .bcc = {u"d", u"e"}, .body = u"x y", .html = u"=",
+         .expected = Text(u"Subject: S\r\nFrom: ann@x\r\nTo: a; b \r\nCc: c\r\nBcc: d;e\r\n",
+                          Part(u"text/plain", u"5", u"x=20y") + Part(kHtmlType, u"3", u"=3D"))},
+        {.name = "Cc alone", .cc = {u"c"}, .expected = Text(none + u"Cc: c\r\n")},
+        {.name = "Bcc alone", .bcc = {u"d"}, .expected = Text(none + u"Bcc: d\r\n")},
+        {.name = "a sender name without an address", .sender = u"Ann \"the\" Lee",
+         .expected = Text(u"Subject: \r\nFrom: \"Ann \"the\" Lee\" <>\r\nTo: \r\n")},
+        {.name = "values unescaped, no encoded words", .subject = u"caf\u00E9 \u4E2D", .from = u"a@x",
+         .sender = u"Ann \"the\" Lee",
+         .expected = Text(u"Subject: caf\u00E9 \u4E2D\r\nFrom: \"Ann \"the\" Lee\" <a@x>\r\nTo: \r\n")},
+        {.name = "an empty MimeType", .body = u"b", .mimeType = u"",
+         .expected = Text(none, Part(u"", u"1", u"b"))},
+        {.name = "MimeType text/html", .body = u"b", .html = u"h", .mimeType = u"text/html",
+         .expected = Text(none, Part(u"text/html", u"1", u"b") + Part(kHtmlType, u"1", u"h"))},
+        {.name = "the length counts the soft line breaks", .body = std::u16string(200, u'a'),
+         .expected = Text(none, Part(u"text/plain", u"206",
+                                     a75 + u"=\r\n" + a75 + u"=\r\n" + std::u16string(50, u'a')))},
+    };
+    for (const ExactCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::FixedBoundaries fixed;
+        MailMessage message;
+        message.SubjectLine(c.subject);
+        message.FromAddress(c.from);
+        message.SenderName(c.sender);
+        for (const auto& address : c.to) message.AddRecipient(address);
+        for (const auto& address : c.cc) message.AddCCRecipient(address);
+        for (const auto& address : c.bcc) message.AddBCCRecipient(address);
+        message.Body(c.body);
+        message.BodyHTML(c.html);
+        if (c.mimeType) message.MimeType(*c.mimeType);
+        EXPECT_EQ(Utf8(Build(message)), Utf8(c.expected));
+        EXPECT_EQ(detail::BoundaryCounterForTesting(), 3);  // two boundaries, no more
+    }
+    EXPECT_EQ(cases[0].expected.size(), 500u);
 }
 
 TEST(MimeAssembly, TheCacheServesUntilSomethingChanges) {
@@ -168,13 +101,13 @@ TEST(MimeAssembly, TheCacheServesUntilSomethingChanges) {
     const std::u16string& first = Build(message);
     const std::u16string copy = first;
     int16_t counter = detail::BoundaryCounterForTesting();
-    const std::u16string& second = Build(message);
-    EXPECT_EQ(&first, &second);  // the cached text itself
-    EXPECT_EQ(second, copy);
-    EXPECT_EQ(detail::BoundaryCounterForTesting(), counter);
+    EXPECT_EQ(&Build(message), &first);  // the cached text itself
+    EXPECT_EQ(first, copy);
     // A failed operation changes nothing, so the cache still serves.
     test::CaptureError([&] { message.AddRecipient(u"BOB"); });
     test::CaptureError([&] { message.AttachFile(u"/nonexistent/file.txt"); });
+    EXPECT_FALSE(MailMessageAccess::Changed(message));
+    EXPECT_EQ(MailMessageAccess::Attachments(message)->Count(), 0);
     EXPECT_EQ(Build(message), copy);
     EXPECT_EQ(detail::BoundaryCounterForTesting(), counter);
     message.Body(u"one");
@@ -196,7 +129,7 @@ TEST(MimeAssembly, PythonReadsTheHeadersAndBothBodiesBack) {
     body += std::u16string(300, u'x') + u"\r\ncaf\u00E9 \u20AC 100\r\n";
     message.Body(body);
     message.BodyHTML(u"<html><body><p>caf\u00E9 = caf&eacute;.</p></body></html>");
-    test::ParsedMime parsed = Parse(Build(message));
+    test::ParsedMime parsed = test::ParseMime(detail::ToAnsi(Build(message)));
     EXPECT_TRUE(parsed.defects.empty());
     EXPECT_EQ(parsed.HeaderNames(), (std::vector<std::string>{"Subject", "From", "To", "Cc", "Bcc",
                                                                "Content-Type", "MIME-Version"}));

@@ -6,11 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,22 +20,23 @@
 #include <gtest/gtest.h>
 
 #include "larkpost/error.h"
-#include "platform/clock.h"
 #include "platform/host_kit.h"
 #include "platform/posix_socket_control.h"
 #include "platform/socket_control.h"
 #include "platform/socket_errors.h"
 #include "platform/ticker.h"
+#include "support/smtp_servers.h"
 
 namespace larkpost::detail {
 namespace {
 
 using namespace std::chrono_literals;
+using Words = std::vector<std::string>;
 
 // Records every event of one control as a short word ("connect", "data:5", "error:10061", ...).
 class Recorder : public SocketControlEvents {
 public:
-    std::vector<std::string> events;
+    Words events;
     std::u16string lastErrorDescription;
     std::function<void(const std::string&)> onEvent;  // runs inside the handler
 
@@ -48,9 +51,7 @@ public:
     void SendComplete() override { Note("sent"); }
 
     int Count(const std::string& word) const {
-        int n = 0;
-        for (auto& e : events) n += e == word ? 1 : 0;
-        return n;
+        return static_cast<int>(std::count(events.begin(), events.end(), word));
     }
 
 private:
@@ -60,17 +61,10 @@ private:
     }
 };
 
-class Heartbeat : public TickerEvents {
-public:
-    void Elapsed() override {}
-};
-
-// Pumps, sleeping in WaitAndPumpEvents, until done() or the limit. A 5 ms ticker keeps the wait
-// from sleeping past the limit when no socket event comes.
+// Pumps, sleeping in WaitAndPumpEvents, until done() or the limit. A 5 ms ticker (ticking to
+// nobody) keeps the wait from sleeping past the limit when no socket event comes.
 bool PumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-    Heartbeat beat;
     Ticker ticker;
-    ticker.SetEvents(&beat);
     ticker.Interval(5);
     ticker.Enabled(true);
     auto end = std::chrono::steady_clock::now() + limit;
@@ -82,6 +76,7 @@ bool PumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limi
 }
 
 void Pump() { HostKitGlobal().Services().PumpEvents(); }
+bool WaitAndPump() { return HostKitGlobal().Services().WaitAndPumpEvents(); }
 
 std::shared_ptr<SocketControl> NewControl(Recorder& recorder) {
     auto control = HostKitGlobal().Services().CreateSocketControl();
@@ -91,33 +86,38 @@ std::shared_ptr<SocketControl> NewControl(Recorder& recorder) {
     return control;
 }
 
-// A listening socket on a loopback address, with blocking accept and I/O for the peer side.
+template <typename Call>
+RaisedError Raised(Call&& call) {
+    try {
+        call();
+    } catch (const RaisedError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "nothing was raised";
+    return RaisedError(0, u"(nothing raised)");
+}
+
+// A listening socket on a loopback address, with blocking accept for the peer side.
 class Listener {
 public:
     explicit Listener(int family = AF_INET) {
-        m_fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (m_fd < 0) return;
         sockaddr_storage address{};
-        socklen_t length = 0;
+        address.ss_family = static_cast<sa_family_t>(family);
         if (family == AF_INET6) {
-            auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
-            v6->sin6_family = AF_INET6;
-            v6->sin6_addr = in6addr_loopback;
-            length = sizeof *v6;
+            reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr = in6addr_loopback;
         } else {
-            auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
-            v4->sin_family = AF_INET;
-            v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            length = sizeof *v4;
+            reinterpret_cast<sockaddr_in*>(&address)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         }
-        if (bind(m_fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(m_fd, 8) != 0) {
+        socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        m_fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        auto* name = reinterpret_cast<sockaddr*>(&address);
+        if (m_fd >= 0 && bind(m_fd, name, length) == 0 && listen(m_fd, 8) == 0 &&
+            getsockname(m_fd, name, &length) == 0) {
+            m_port = ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);  // same place in v6
+        } else if (m_fd >= 0) {
             close(m_fd);
             m_fd = -1;
-            return;
         }
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-        m_port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                                          : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
     }
     ~Listener() {
         for (int fd : m_accepted) close(fd);
@@ -143,12 +143,6 @@ public:
         std::erase(m_accepted, fd);
     }
 
-    // Closes the listening socket: its port then refuses.
-    void StopListening() {
-        close(m_fd);
-        m_fd = -1;
-    }
-
 private:
     int m_fd = -1;
     int32_t m_port = 0;
@@ -156,7 +150,8 @@ private:
 };
 
 void WriteAll(int fd, const std::string& bytes) {
-    ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
 }
 
 // Reads until count bytes came, the peer closed, or two seconds passed.
@@ -180,9 +175,7 @@ void LetTheBytesLand() { std::this_thread::sleep_for(30ms); }
 std::string TakeAll(SocketControl& control) {
     std::u16string text;
     control.GetData(text, vbString, 0);
-    std::string bytes;
-    for (char16_t c : text) bytes.push_back(static_cast<char>(c));
-    return bytes;
+    return std::string(text.begin(), text.end());
 }
 
 // A connected control and the peer's end of it.
@@ -192,89 +185,16 @@ struct Connection {
     std::shared_ptr<SocketControl> control;
     int peer = -1;
 
-    explicit Connection(int family = AF_INET, const char16_t* host = u"127.0.0.1") : listener(family) {
+    explicit Connection(int family = AF_INET, const std::u16string& host = u"127.0.0.1")
+        : listener(family) {
         if (!listener.Ok()) return;
         control = NewControl(recorder);
         control->Connect(host, listener.Port());
         peer = listener.Accept();
         PumpUntil([&] { return !recorder.events.empty(); });
     }
-    bool Connected() const { return recorder.events == std::vector<std::string>{"connect"}; }
+    bool Connected() const { return recorder.events == Words{"connect"}; }
 };
-
-// --- Connecting ------------------------------------------------------------------------------
-
-TEST(SocketControlConnect, ExchangesBytesOverIpv4) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    EXPECT_EQ(c.control->State(), sckConnected);
-    EXPECT_EQ(c.control->LocalIP(), u"127.0.0.1");
-
-    c.control->SendData("EHLO here\r\n");
-    EXPECT_EQ(ReadExactly(c.peer, 11), "EHLO here\r\n");
-    WriteAll(c.peer, "250 hello\r\n");
-    ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() >= 3; }));
-    EXPECT_EQ(c.recorder.events, (std::vector<std::string>{"connect", "sent", "data:11"}));
-    EXPECT_EQ(TakeAll(*c.control), "250 hello\r\n");
-}
-
-TEST(SocketControlConnect, ExchangesBytesOverIpv6) {
-    Listener probe(AF_INET6);
-    if (!probe.Ok()) GTEST_SKIP() << "no IPv6 loopback on this machine";
-    Connection c(AF_INET6, u"::1");
-    ASSERT_TRUE(c.Connected());
-    EXPECT_EQ(c.control->LocalIP(), u"::1");
-    WriteAll(c.peer, "220 v6\r\n");
-    ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() >= 2; }));
-    EXPECT_EQ(TakeAll(*c.control), "220 v6\r\n");
-}
-
-TEST(SocketControlConnect, ResolvesLocalhostByName) {
-    Connection c(AF_INET, u"localhost");
-    ASSERT_TRUE(c.Connected());
-    c.control->SendData("x");
-    EXPECT_EQ(ReadExactly(c.peer, 1), "x");
-}
-
-TEST(SocketControlConnect, RefusedPortGives10061) {
-    Listener listener;
-    const int32_t port = listener.Port();
-    listener.StopListening();
-    Recorder recorder;
-    auto control = NewControl(recorder);
-    control->Connect(u"127.0.0.1", port);
-    EXPECT_TRUE(recorder.events.empty()) << "the outcome must wait for the pump";
-    ASSERT_TRUE(PumpUntil([&] { return !recorder.events.empty(); }));
-    EXPECT_EQ(recorder.events, std::vector<std::string>{"error:10061"});
-    EXPECT_EQ(recorder.lastErrorDescription, u"The connection was refused by the remote host.");
-    EXPECT_EQ(control->State(), sckError);
-}
-
-TEST(SocketControlConnect, UnknownHostGives11001) {
-    // A label longer than 63 characters: the resolver rejects it locally, without asking a
-    // name server, so the failure is fast and the same on every machine.
-    const std::u16string host = std::u16string(64, u'x') + u".invalid";
-    Recorder recorder;
-    auto control = NewControl(recorder);
-    control->Connect(host, 25);
-    EXPECT_TRUE(recorder.events.empty());
-    Pump();
-    EXPECT_EQ(recorder.events, std::vector<std::string>{"error:11001"});
-    EXPECT_EQ(recorder.lastErrorDescription,
-              u"Host not found: the name could not be resolved to an address.");
-    EXPECT_EQ(control->State(), sckError);
-    EXPECT_EQ(control->LocalIP(), u"");
-}
-
-TEST(SocketControlConnect, EmptyOrBrokenHostNameIsNotFound) {
-    for (const std::u16string& host : {std::u16string(), std::u16string(u"127.0.0.1\0x", 11)}) {
-        Recorder recorder;
-        auto control = NewControl(recorder);
-        control->Connect(host, 25);
-        Pump();
-        EXPECT_EQ(recorder.events, std::vector<std::string>{"error:11001"});
-    }
-}
 
 // Stands in for the name service while it lives.
 class FakeNames {
@@ -286,6 +206,96 @@ public:
     ~FakeNames() { PosixSocketControl::SetResolverForTesting(nullptr); }
 };
 
+// Tests that start from a connected control.
+class ConnectedControl : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(c.Connected()); }
+    Connection c;
+};
+
+// --- Connecting ------------------------------------------------------------------------------
+
+struct Endpoint {
+    int family;
+    std::u16string host;
+    std::u16string localIP;
+};
+
+class SocketControlExchange : public ::testing::TestWithParam<Endpoint> {};
+
+TEST_P(SocketControlExchange, ConnectsAndExchangesBytes) {
+    const Endpoint& endpoint = GetParam();
+    if (!Listener(endpoint.family).Ok()) GTEST_SKIP() << "no loopback of this family here";
+    Connection c(endpoint.family, endpoint.host);
+    ASSERT_TRUE(c.Connected());
+    EXPECT_EQ(c.control->State(), sckConnected);
+    EXPECT_EQ(c.control->LocalIP(), endpoint.localIP);
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    EXPECT_EQ(c.control->LocalHostName(), std::u16string(name, name + std::strlen(name)));
+
+    // Each SendData completes once, in order, in the next pump; an empty one too.
+    c.control->SendData("EHLO ");
+    c.control->SendData("");
+    c.control->SendData("here\r\n");
+    EXPECT_EQ(ReadExactly(c.peer, 11), "EHLO here\r\n");
+    EXPECT_EQ(c.recorder.Count("sent"), 0) << "completion waits for the pump";
+    Pump();
+    EXPECT_EQ(c.recorder.events, (Words{"connect", "sent", "sent", "sent"}));
+    WriteAll(c.peer, "250 hello\r\n");
+    ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() >= 5; }));
+    EXPECT_EQ(c.recorder.events, (Words{"connect", "sent", "sent", "sent", "data:11"}));
+    EXPECT_EQ(TakeAll(*c.control), "250 hello\r\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Loopback, SocketControlExchange,
+                         ::testing::Values(Endpoint{AF_INET, u"127.0.0.1", u"127.0.0.1"},
+                                           Endpoint{AF_INET6, u"::1", u"::1"},
+                                           Endpoint{AF_INET, u"localhost", u"127.0.0.1"}));
+
+TEST(SocketControlConnect, EachFailureIsOneErrorEventInALaterPump) {
+    const int32_t refusedPort = test::FreeLoopbackPort();
+    struct Case {
+        const char* what;
+        std::u16string host;
+        std::optional<Words> addresses;  // what the fake name service answers
+        int16_t number;
+    };
+    const Case cases[] = {
+        {"refused", u"127.0.0.1", std::nullopt, sckConnectionRefused},
+        {"every address refuses", u"mail.test", Words{"127.0.0.2", "127.0.0.3"},
+         sckConnectionRefused},
+        // A label longer than 63 characters: the resolver rejects it locally, without asking a
+        // name server, so the failure is fast and the same on every machine.
+        {"unknown host", std::u16string(64, u'x') + u".invalid", std::nullopt, sckHostNotFound},
+        {"empty name", u"", std::nullopt, sckHostNotFound},
+        {"embedded NUL", std::u16string(u"127.0.0.1\0x", 11), std::nullopt, sckHostNotFound},
+        {"name without addresses", u"mail.test", Words{}, sckHostNotFound},
+    };
+    for (const Case& failure : cases) {
+        SCOPED_TRACE(failure.what);
+        std::optional<FakeNames> names;
+        if (failure.addresses) names.emplace(*failure.addresses);
+        Recorder recorder;
+        auto control = NewControl(recorder);
+        control->Connect(failure.host, refusedPort);
+        EXPECT_TRUE(recorder.events.empty()) << "the outcome must wait for the pump";
+        Pump();
+        if (failure.number == sckHostNotFound) {
+            EXPECT_EQ(recorder.events.size(), 1u) << "a failed lookup is known at once";
+        }
+        ASSERT_TRUE(PumpUntil([&] { return !recorder.events.empty(); }));
+        for (int i = 0; i < 3; ++i) Pump();
+        EXPECT_EQ(recorder.events, Words{"error:" + std::to_string(failure.number)});
+        EXPECT_EQ(recorder.lastErrorDescription,
+                  failure.number == sckHostNotFound
+                      ? u"Host not found: the name could not be resolved to an address."
+                      : u"The connection was refused by the remote host.");
+        EXPECT_EQ(control->State(), sckError);
+        EXPECT_EQ(control->LocalIP(), u"");
+    }
+}
+
 TEST(SocketControlConnect, TriesTheNextAddressWhenOneFails) {
     Listener listener;  // on 127.0.0.1 only: 127.0.0.2 refuses
     FakeNames names({"127.0.0.2", "127.0.0.1"});
@@ -295,36 +305,14 @@ TEST(SocketControlConnect, TriesTheNextAddressWhenOneFails) {
     // The refusal may come only in a pump; the kernel completes the second attempt unaccepted.
     ASSERT_TRUE(PumpUntil([&] { return !recorder.events.empty(); }));
     for (int i = 0; i < 3; ++i) Pump();
-    EXPECT_EQ(recorder.events, std::vector<std::string>{"connect"});
+    EXPECT_EQ(recorder.events, Words{"connect"});
     EXPECT_GE(listener.Accept(), 0);
     EXPECT_EQ(control->LocalIP(), u"127.0.0.1");
 }
 
-TEST(SocketControlConnect, WhenEveryAddressFailsOneErrorFollows) {
-    Listener listener;
-    FakeNames names({"127.0.0.2", "127.0.0.3"});
-    Recorder recorder;
-    auto control = NewControl(recorder);
-    control->Connect(u"mail.test", listener.Port());
-    ASSERT_TRUE(PumpUntil([&] { return !recorder.events.empty(); }));
-    for (int i = 0; i < 3; ++i) Pump();
-    EXPECT_EQ(recorder.events, std::vector<std::string>{"error:10061"});
-}
-
-TEST(SocketControlConnect, NameWithoutAddressesIsNotFound) {
-    FakeNames names({});
-    Recorder recorder;
-    auto control = NewControl(recorder);
-    control->Connect(u"mail.test", 25);
-    Pump();
-    EXPECT_EQ(recorder.events, std::vector<std::string>{"error:11001"});
-}
-
 TEST(SocketControlConnect, LocalPortChoosesTheSourcePort) {
     Listener listener;
-    Listener spare;  // a port that is free now
-    const int32_t localPort = spare.Port();
-    spare.StopListening();
+    const int32_t localPort = test::FreeLoopbackPort();
     Recorder recorder;
     auto control = NewControl(recorder);
     control->LocalPort(localPort);
@@ -337,98 +325,56 @@ TEST(SocketControlConnect, LocalPortChoosesTheSourcePort) {
     EXPECT_EQ(ntohs(remote.sin_port), localPort);
 }
 
-TEST(SocketControlConnect, PortOutOfRangeThrowsAtOnceAndNoEventFollows) {
+TEST_F(ConnectedControl, MisuseThrowsAtOnceAndNoEventFollows) {
     for (int32_t port : {-1, 65536, INT32_MIN}) {
         Recorder recorder;
         auto control = NewControl(recorder);
-        try {
-            control->Connect(u"127.0.0.1", port);
-            ADD_FAILURE() << "port " << port << " was accepted";
-        } catch (const RaisedError& e) {
-            EXPECT_EQ(e.Number(), sckOutOfRange);
-            EXPECT_EQ(e.Description(), u"The port number is out of range (0 to 65535).");
-        }
+        const RaisedError error = Raised([&] { control->Connect(u"127.0.0.1", port); });
+        EXPECT_EQ(error.Number(), sckOutOfRange) << port;
+        EXPECT_EQ(error.Description(), u"The port number is out of range (0 to 65535).");
+        EXPECT_EQ(Raised([&] { control->SendData("x"); }).Number(), sckBadState);
+        EXPECT_EQ(Raised([&] { control->Protocol(1); }).Number(), sckInvalidArg);
+        EXPECT_EQ(Raised([&] { control->LocalPort(port); }).Number(), sckOutOfRange);
         Pump();
         EXPECT_TRUE(recorder.events.empty());
         EXPECT_EQ(control->State(), sckClosed);
     }
+    EXPECT_EQ(Raised([&] { c.control->Connect(u"127.0.0.1", c.listener.Port()); }).Number(),
+              sckBadState);
+    EXPECT_EQ(Raised([&] { c.control->LocalPort(0); }).Number(), sckBadState);
 }
 
-TEST(SocketControlConnect, CallsInTheWrongStateThrowBadState) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    auto expectBadState = [](const std::function<void()>& call) {
-        try {
-            call();
-            ADD_FAILURE() << "accepted in the wrong state";
-        } catch (const RaisedError& e) {
-            EXPECT_EQ(e.Number(), sckBadState);
-        }
-    };
-    expectBadState([&] { c.control->Connect(u"127.0.0.1", c.listener.Port()); });
-    expectBadState([&] { c.control->LocalPort(0); });
+// --- Receiving -------------------------------------------------------------------------------
 
-    Recorder idle;
-    auto fresh = NewControl(idle);
-    expectBadState([&] { fresh->SendData("x"); });
-    EXPECT_THROW(fresh->Protocol(1), RaisedError);
-    EXPECT_THROW(fresh->LocalPort(65536), RaisedError);
-}
-
-TEST(SocketControlReceive, EventsComeOnlyInsideAPump) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    WriteAll(c.peer, "hello");
-    LetTheBytesLand();
-    EXPECT_EQ(c.recorder.events.size(), 1u);
-    Pump();
-    EXPECT_EQ(c.recorder.events.back(), "data:5");
-}
-
-TEST(SocketControlReceive, GetDataTakesAtMostMaxLenAndCountsWhatIsQueued) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, GetDataTakesAtMostMaxLenAsWindows1252TextOnlyAfterAPump) {
     WriteAll(c.peer, "abcdef");
+    LetTheBytesLand();
+    EXPECT_EQ(c.recorder.events.size(), 1u) << "events come only inside a pump";
     ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() == 2; }));
+    EXPECT_EQ(c.recorder.events.back(), "data:6");
     std::u16string part;
     c.control->GetData(part, vbString, 4);
     EXPECT_EQ(part, u"abcd");
 
     // The next arrival counts the two bytes left behind as well.
-    WriteAll(c.peer, "gh");
+    WriteAll(c.peer, std::string("\x80\xE9\xFF\x00", 4));
     ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() == 3; }));
-    EXPECT_EQ(c.recorder.events.back(), "data:4");
+    EXPECT_EQ(c.recorder.events.back(), "data:6");
+    EXPECT_EQ(Raised([&] { c.control->GetData(part, 17, 4); }).Number(), sckInvalidArg);  // bytes
     c.control->GetData(part, vbString, 100);
-    EXPECT_EQ(part, u"efgh");
+    EXPECT_EQ(part, std::u16string(u"ef\u20AC\u00E9\u00FF\0", 6))
+        << "a refused GetData loses nothing";
     c.control->GetData(part, vbString, 10);
     EXPECT_EQ(part, u"");
 }
 
-TEST(SocketControlReceive, BytesBecomeWindows1252CharactersAndOnlyAsText) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    WriteAll(c.peer, std::string("\x80\xE9\xFF\x00", 4));
-    ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() == 2; }));
-    std::u16string text;
-    try {
-        c.control->GetData(text, 17, 4);  // a byte array
-        ADD_FAILURE() << "only the string type is supported";
-    } catch (const RaisedError& e) {
-        EXPECT_EQ(e.Number(), sckInvalidArg);
-    }
-    c.control->GetData(text, vbString, 4);
-    EXPECT_EQ(text, std::u16string(u"\u20AC\u00E9\u00FF\0", 4)) << "a refused GetData loses nothing";
-}
-
-TEST(SocketControlReceive, PeerCloseGivesCloseAndClosingStateNeverWithDataInOnePump) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, PeerCloseGivesCloseAndClosingStateNeverWithDataInOnePump) {
     WriteAll(c.peer, "221 bye\r\n");
     shutdown(c.peer, SHUT_WR);
     LetTheBytesLand();
 
     Pump();
-    EXPECT_EQ(c.recorder.events, (std::vector<std::string>{"connect", "data:9"}));
+    EXPECT_EQ(c.recorder.events, (Words{"connect", "data:9"}));
     ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() == 3; }));
     EXPECT_EQ(c.recorder.events.back(), "close");
     EXPECT_EQ(c.control->State(), sckClosing);
@@ -438,12 +384,15 @@ TEST(SocketControlReceive, PeerCloseGivesCloseAndClosingStateNeverWithDataInOneP
     c.control->SendData("QUIT\r\n");
     EXPECT_EQ(ReadExactly(c.peer, 6), "QUIT\r\n");
     Pump();
+    EXPECT_EQ(c.recorder.events.back(), "sent");
     EXPECT_EQ(c.recorder.Count("close"), 1);
+    // With nothing left to send, this socket can produce no event any more.
+    EXPECT_FALSE(WaitAndPump());
+    c.control->Close();
+    EXPECT_FALSE(WaitAndPump());
 }
 
-TEST(SocketControlReceive, ResetByPeerGives10054) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, ResetByPeerGives10054) {
     c.listener.Reset(c.peer);
     ASSERT_TRUE(PumpUntil([&] { return c.recorder.events.size() == 2; }));
     EXPECT_EQ(c.recorder.events.back(), "error:10054");
@@ -453,9 +402,7 @@ TEST(SocketControlReceive, ResetByPeerGives10054) {
 
 // --- Sending ---------------------------------------------------------------------------------
 
-TEST(SocketControlSend, TwentyMegabytesGoOutWholeWithOneSendComplete) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, TwentyMegabytesGoOutWholeWithOneSendComplete) {
     std::string payload(20 * 1024 * 1024, '\0');
     for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>('a' + i % 23);
 
@@ -474,21 +421,7 @@ TEST(SocketControlSend, TwentyMegabytesGoOutWholeWithOneSendComplete) {
     EXPECT_TRUE(received == payload) << "bytes were lost or reordered";
 }
 
-TEST(SocketControlSend, EachSendDataCompletesOnceInOrder) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    c.control->SendData("one ");
-    c.control->SendData("");
-    c.control->SendData("two");
-    EXPECT_EQ(c.recorder.Count("sent"), 0) << "completion waits for the pump";
-    Pump();
-    EXPECT_EQ(c.recorder.Count("sent"), 3);
-    EXPECT_EQ(ReadExactly(c.peer, 7), "one two");
-}
-
-TEST(SocketControlSend, WritingToAResetConnectionGivesAnError) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, WritingToAResetConnectionGivesAnError) {
     c.listener.Reset(c.peer);
     LetTheBytesLand();
     // Whether the read side or the write side notices first, exactly one error follows and the
@@ -508,9 +441,7 @@ TEST(SocketControlSend, WritingToAResetConnectionGivesAnError) {
 
 // --- Releasing and unhooking ----------------------------------------------------------------
 
-TEST(SocketControlRelease, UnhookedOrReleasedControlDeliversNothing) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, UnhookedOrReleasedControlDeliversNothing) {
     c.control->SetEvents(nullptr);
     WriteAll(c.peer, "late");
     LetTheBytesLand();
@@ -525,72 +456,43 @@ TEST(SocketControlRelease, UnhookedOrReleasedControlDeliversNothing) {
     EXPECT_EQ(ReadExactly(c.peer, 1), "");
 }
 
-TEST(SocketControlRelease, CloseDropsEventsAlreadyQueued) {
-    Connection first;
-    Connection second;
-    ASSERT_TRUE(first.Connected());
-    ASSERT_TRUE(second.Connected());
-    // Both arrivals are queued in one pump; the first handler closes the second control.
-    first.recorder.onEvent = [&](const std::string&) { second.control->Close(); };
-    WriteAll(first.peer, "1");
-    WriteAll(second.peer, "2");
-    LetTheBytesLand();
-    Pump();
-    EXPECT_EQ(first.recorder.events.back(), "data:1");
-    EXPECT_EQ(second.recorder.events, std::vector<std::string>{"connect"});
-    EXPECT_EQ(second.control->State(), sckClosed);
-}
-
-TEST(SocketControlRelease, HandlerMayReleaseItsOwnAndAnotherControl) {
-    Connection first;
-    Connection second;
-    ASSERT_TRUE(first.Connected());
-    ASSERT_TRUE(second.Connected());
+// Three arrivals are queued in one pump; the first handler closes the second control and
+// releases the third and its own.
+TEST(SocketControlRelease, HandlerMayCloseOrReleaseControlsWhoseEventsAreQueued) {
+    Connection first, second, third;
+    ASSERT_TRUE(first.Connected() && second.Connected() && third.Connected());
     first.recorder.onEvent = [&](const std::string&) {
+        second.control->Close();
+        third.control.reset();
         first.control.reset();
-        second.control.reset();
     };
-    WriteAll(first.peer, "1");
-    WriteAll(second.peer, "2");
+    for (Connection* c : {&first, &second, &third}) WriteAll(c->peer, "1");
     LetTheBytesLand();
     Pump();
     Pump();
-    EXPECT_EQ(first.recorder.events.back(), "data:1");
-    EXPECT_EQ(second.recorder.events.size(), 1u);
+    EXPECT_EQ(first.recorder.events, (Words{"connect", "data:1"}));
+    EXPECT_EQ(second.recorder.events, Words{"connect"});
+    EXPECT_EQ(second.control->State(), sckClosed);
+    EXPECT_EQ(third.recorder.events, Words{"connect"});
 }
 
 // --- Waiting ---------------------------------------------------------------------------------
 
-TEST(SocketControlWait, WaitWakesForAnArrivalAndCountsAsWork) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
+TEST_F(ConnectedControl, WaitWakesForAnArrivalAndCountsAsWork) {
     std::thread writer([&] {
         std::this_thread::sleep_for(50ms);
         WriteAll(c.peer, "220 late\r\n");
     });
     // No ticker here: only the arrival can end this wait.
-    EXPECT_TRUE(HostKitGlobal().Services().WaitAndPumpEvents());
+    EXPECT_TRUE(WaitAndPump());
     writer.join();
     EXPECT_EQ(c.recorder.events.back(), "data:10");
 }
 
-TEST(SocketControlWait, NothingToWaitForOnceEveryConnectionIsOver) {
-    Connection c;
-    ASSERT_TRUE(c.Connected());
-    shutdown(c.peer, SHUT_WR);
-    ASSERT_TRUE(PumpUntil([&] { return c.recorder.Count("close") == 1; }));
-    // Half-closed with nothing to send: this socket can produce no event any more.
-    EXPECT_FALSE(HostKitGlobal().Services().WaitAndPumpEvents());
-    c.control->Close();
-    EXPECT_FALSE(HostKitGlobal().Services().WaitAndPumpEvents());
-}
-
-TEST(SocketControlWait, EachThreadPumpsOnlyItsOwnControls) {
-    Connection here;
-    ASSERT_TRUE(here.Connected());
-    WriteAll(here.peer, "for main");
+TEST_F(ConnectedControl, EachThreadPumpsOnlyItsOwnControls) {
+    WriteAll(c.peer, "for main");
     LetTheBytesLand();
-    std::vector<std::string> thereEvents;
+    Words thereEvents;
     std::thread other([&] {
         Connection there;
         ASSERT_TRUE(there.Connected());
@@ -599,10 +501,10 @@ TEST(SocketControlWait, EachThreadPumpsOnlyItsOwnControls) {
         thereEvents = there.recorder.events;
     });
     other.join();
-    EXPECT_EQ(thereEvents, (std::vector<std::string>{"connect", "data:9"}));
-    EXPECT_EQ(here.recorder.events.size(), 1u) << "the other thread's pumps deliver nothing here";
+    EXPECT_EQ(thereEvents, (Words{"connect", "data:9"}));
+    EXPECT_EQ(c.recorder.events.size(), 1u) << "the other thread's pumps deliver nothing here";
     Pump();
-    EXPECT_EQ(here.recorder.events.back(), "data:8");
+    EXPECT_EQ(c.recorder.events.back(), "data:8");
 }
 
 TEST(SocketErrors, ErrnoWithoutANumberOfItsOwnKeepsTheSystemsReason) {
@@ -610,16 +512,6 @@ TEST(SocketErrors, ErrnoWithoutANumberOfItsOwnKeepsTheSystemsReason) {
     SocketFailure other = SocketFailureFromErrno(EACCES);
     EXPECT_EQ(other.number, sckConnectAborted);
     EXPECT_EQ(other.description, u"The connection failed: Permission denied.");
-}
-
-TEST(SocketControlHost, LocalHostNameIsTheMachineName) {
-    Recorder recorder;
-    auto control = NewControl(recorder);
-    char name[256] = {};
-    gethostname(name, sizeof name - 1);
-    std::u16string expected(name, name + std::strlen(name));
-    EXPECT_EQ(control->LocalHostName(), expected);
-    EXPECT_FALSE(expected.empty());
 }
 
 }  // namespace

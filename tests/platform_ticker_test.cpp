@@ -25,6 +25,12 @@ public:
     std::vector<Clock::time_point> ticks;
     std::function<void()> onTick;
 
+    // Hooks this recorder to the ticker and starts it.
+    void Start(Ticker& ticker, int32_t interval) {
+        ticker.SetEvents(this);
+        ticker.Interval(interval);
+        ticker.Enabled(true);
+    }
     void Elapsed() override {
         ticks.push_back(Clock::now());
         if (onTick) onTick();
@@ -50,84 +56,57 @@ protected:
     }
 };
 
-TEST_F(TickerTest, TicksEveryIntervalFromEnabled) {
+TEST_F(TickerTest, TicksEveryIntervalFromEnabledUntilItsOwnHandlerStopsIt) {
     TickRecorder recorder;
     Ticker ticker;
-    ticker.SetEvents(&recorder);
-    ticker.Interval(1000);
+    recorder.onTick = [&] {
+        if (recorder.ticks.size() == 5) ticker.Enabled(false);
+    };
     const auto start = Clock::now();
-    ticker.Enabled(true);
+    recorder.Start(ticker, 1000);
     EXPECT_TRUE(ticker.Enabled());
     ASSERT_TRUE(WaitForTicks(recorder, 5));
     for (std::size_t k = 0; k < recorder.ticks.size(); ++k) {
         EXPECT_GE(recorder.ticks[k] - start, (k + 1) * 10ms) << "tick " << k << " came early";
     }
-}
-
-TEST_F(TickerTest, StopsAtEnabledFalseFromItsOwnHandler) {
-    TickRecorder recorder;
-    Ticker ticker;
-    ticker.SetEvents(&recorder);
-    ticker.Interval(500);
-    recorder.onTick = [&] {
-        if (recorder.ticks.size() == 3) ticker.Enabled(false);
-    };
-    ticker.Enabled(true);
-    ASSERT_TRUE(WaitForTicks(recorder, 3));
     EXPECT_FALSE(ticker.Enabled());
     EXPECT_FALSE(Wait()) << "a stopped ticker must not keep the wait alive";
-    EXPECT_EQ(recorder.ticks.size(), 3u);
+    EXPECT_EQ(recorder.ticks.size(), 5u);
 }
 
-TEST_F(TickerTest, StoppingDropsATickAlreadyQueued) {
-    TickRecorder first, second;
+// Three tickers due in one pump: the first one's handler stops the second and releases the
+// third, whose ticks are already queued by then.
+TEST_F(TickerTest, StoppedOrReleasedTickerDeliversNothingEvenATickAlreadyQueued) {
+    TickRecorder first, stopped, released;
     Ticker a, b;
-    a.SetEvents(&first);
-    b.SetEvents(&second);
-    a.Interval(1000);
-    b.Interval(1000);
-    a.Enabled(true);
-    b.Enabled(true);
-    first.onTick = [&] { b.Enabled(false); };
-    std::this_thread::sleep_for(30ms);  // both are due: one pump queues both ticks
-    Pump();
-    EXPECT_EQ(first.ticks.size(), 1u);
-    EXPECT_TRUE(second.ticks.empty());
-}
-
-TEST_F(TickerTest, ReleasedTickerDeliversNothing) {
-    TickRecorder recorder, other;
-    auto ticker = std::make_unique<Ticker>();
-    Ticker killer;
-    ticker->SetEvents(&recorder);
-    killer.SetEvents(&other);
-    killer.Interval(1000);
-    ticker->Interval(1000);
-    killer.Enabled(true);
-    ticker->Enabled(true);
-    // Released from inside another ticker's handler, with its own tick already queued.
-    other.onTick = [&] { ticker.reset(); };
+    auto c = std::make_unique<Ticker>();
+    first.Start(a, 1000);
+    stopped.Start(b, 1000);
+    released.Start(*c, 1000);
+    first.onTick = [&] {
+        b.Enabled(false);
+        c.reset();
+    };
     std::this_thread::sleep_for(30ms);
     Pump();
-    EXPECT_EQ(other.ticks.size(), 1u);
-    EXPECT_TRUE(recorder.ticks.empty());
-    killer.Enabled(false);
+    EXPECT_EQ(first.ticks.size(), 1u);
+    EXPECT_TRUE(stopped.ticks.empty());
+    EXPECT_TRUE(released.ticks.empty());
+    a.Enabled(false);
     EXPECT_FALSE(Wait());
 
     // Unhooked: it keeps ticking, to nobody.
-    killer.SetEvents(nullptr);
-    killer.Enabled(true);
+    a.SetEvents(nullptr);
+    a.Enabled(true);
     std::this_thread::sleep_for(30ms);
     Pump();
-    EXPECT_EQ(other.ticks.size(), 1u);
+    EXPECT_EQ(first.ticks.size(), 1u);
 }
 
 TEST_F(TickerTest, MissedTicksFoldIntoOne) {
     TickRecorder recorder;
     Ticker ticker;
-    ticker.SetEvents(&recorder);
-    ticker.Interval(5000);
-    ticker.Enabled(true);
+    recorder.Start(ticker, 5000);
     std::this_thread::sleep_for(300ms);  // about six intervals without a pump
     Pump();
     Pump();  // without folding, the next missed tick would be due at once
@@ -137,9 +116,7 @@ TEST_F(TickerTest, MissedTicksFoldIntoOne) {
 TEST_F(TickerTest, NewIntervalRestartsTheCountdown) {
     TickRecorder recorder;
     Ticker ticker;
-    ticker.SetEvents(&recorder);
-    ticker.Interval(1000);
-    ticker.Enabled(true);
+    recorder.Start(ticker, 1000);
     std::this_thread::sleep_for(8ms);
     const auto changed = Clock::now();
     ticker.Interval(3000);
@@ -169,19 +146,6 @@ TEST_F(TickerTest, TickScaleIsPerThreadAndOnlyPositive) {
     EXPECT_EQ(elsewhere, 1.0);
     SetTickScaleForTesting(0);
     EXPECT_EQ(TickScale(), 1.0) << "a scale of 0 or below would make every pump tick";
-}
-
-TEST(TickerRealTime, UnscaledIntervalIsMilliseconds) {
-    TickRecorder recorder;
-    Ticker ticker;
-    ticker.SetEvents(&recorder);
-    ticker.Interval(20);
-    const auto start = Clock::now();
-    ticker.Enabled(true);
-    EXPECT_TRUE(Wait());
-    ASSERT_EQ(recorder.ticks.size(), 1u);
-    EXPECT_GE(recorder.ticks[0] - start, 20ms);
-    ticker.Enabled(false);
 }
 
 }  // namespace

@@ -22,42 +22,32 @@ int32_t NumberRaisedBy(auto&& call) {
 }
 
 TEST(SmtpReplyTest, OnlyADashInTheFourthPlaceContinuesAReply) {
-    EXPECT_TRUE(ContinuesReply(u"250-PIPELINING"));
-    EXPECT_TRUE(ContinuesReply(u"abc-"));
-    EXPECT_FALSE(ContinuesReply(u"250 OK"));
-    EXPECT_FALSE(ContinuesReply(u"250x-"));
-    EXPECT_FALSE(ContinuesReply(u"250"));
-    EXPECT_FALSE(ContinuesReply(u"25-"));
-    EXPECT_FALSE(ContinuesReply(u""));
+    for (std::u16string_view line : {u"250-PIPELINING", u"abc-"}) EXPECT_TRUE(ContinuesReply(line));
+    for (std::u16string_view line : {u"250 OK", u"250x-", u"250", u"25-", u""})
+        EXPECT_FALSE(ContinuesReply(line)) << ToUtf8(line);
 }
 
+// The code is the number in the first three characters (fewer on a shorter line), which must all
+// be ASCII digits; anything else is a type mismatch.
 TEST(SmtpReplyTest, CodeIsTheNumberInTheFirstThreeCharacters) {
-    EXPECT_EQ(ReplyCode(u"250 OK"), 250);
-    EXPECT_EQ(ReplyCode(u"354"), 354);
-    EXPECT_EQ(ReplyCode(u"0421 late"), 42);
-    EXPECT_EQ(ReplyCode(u"7"), 7);
-    EXPECT_EQ(ReplyCode(u"42"), 42);
-    EXPECT_EQ(ReplyCode(u"999-x"), 999);
-}
-
-TEST(SmtpReplyTest, CodesThatAreNotPlainDigitsAreTypeMismatches) {
+    const std::pair<std::u16string_view, int32_t> codes[] = {
+        {u"250 OK", 250}, {u"354", 354}, {u"0421 late", 42}, {u"7", 7}, {u"42", 42}, {u"999-x", 999}};
+    for (auto [line, code] : codes) EXPECT_EQ(ReplyCode(line), code) << ToUtf8(line);
     for (std::u16string_view line : {u"", u"ab", u" 25", u"+25", u"-25", u"2.5", u"25a", u"OK 250",
-                                     u"\uFF12\uFF15\uFF10 fullwidth"}) {
+                                     u"\uFF12\uFF15\uFF10 fullwidth"})
         EXPECT_EQ(NumberRaisedBy([&] { ReplyCode(line); }), ERROR_TYPE_MISMATCH) << ToUtf8(line);
-    }
 }
 
 TEST(SmtpReplyTest, WholeNumbersUpTo32BitsAndTheirFailures) {
-    EXPECT_EQ(ParseWholeNumber(u"0"), 0);
-    EXPECT_EQ(ParseWholeNumber(u"10240000"), 10240000);
-    EXPECT_EQ(ParseWholeNumber(u"2147483647"), 2147483647);
-    EXPECT_EQ(ParseWholeNumber(u"000000000000000017"), 17);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u"2147483648"); }), ERROR_OVERFLOW);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u"99999999999999999999999"); }), ERROR_OVERFLOW);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u""); }), ERROR_TYPE_MISMATCH);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u"-1"); }), ERROR_TYPE_MISMATCH);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u"12 "); }), ERROR_TYPE_MISMATCH);
-    EXPECT_EQ(NumberRaisedBy([] { ParseWholeNumber(u"1e6"); }), ERROR_TYPE_MISMATCH);
+    const std::pair<std::u16string_view, int32_t> numbers[] = {
+        {u"0", 0}, {u"10240000", 10240000}, {u"2147483647", 2147483647}, {u"000000000000000017", 17}};
+    for (auto [text, number] : numbers) EXPECT_EQ(ParseWholeNumber(text), number);
+    const std::pair<std::u16string_view, int32_t> failures[] = {
+        {u"2147483648", ERROR_OVERFLOW}, {u"99999999999999999999999", ERROR_OVERFLOW},
+        {u"", ERROR_TYPE_MISMATCH},      {u"-1", ERROR_TYPE_MISMATCH},
+        {u"12 ", ERROR_TYPE_MISMATCH},   {u"1e6", ERROR_TYPE_MISMATCH}};
+    for (auto [text, number] : failures)
+        EXPECT_EQ(NumberRaisedBy([&] { ParseWholeNumber(text); }), number) << ToUtf8(text);
 }
 
 TEST(EhloDomainTest, HostNameFirstThenAddressLiteral) {

@@ -62,12 +62,11 @@ OpenedFile OpenFileForReading(const std::string& nativePath) {
     return file;
 }
 
-std::string ReadBytes(const OpenedFile& file, const std::string& nativePath) {
-    std::string bytes;
-    bytes.resize(file.size);
+std::size_t ReadInto(const OpenedFile& file, char* buffer, std::size_t count,
+                     const std::string& nativePath) {
     std::size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::read(file.handle.Get(), bytes.data() + done, bytes.size() - done);
+    while (done < count) {
+        ssize_t n = ::read(file.handle.Get(), buffer + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
             RaiseErrno(errno, FileUse::Read, nativePath);
@@ -75,8 +74,7 @@ std::string ReadBytes(const OpenedFile& file, const std::string& nativePath) {
         if (n == 0) break;
         done += static_cast<std::size_t>(n);
     }
-    bytes.resize(done);
-    return bytes;
+    return done;
 }
 
 FileHandle OpenFileForWriting(const std::string& nativePath) {

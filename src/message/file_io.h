@@ -1,8 +1,9 @@
 // The file access of the message: paths as the system sees them, descriptors that always close,
-// whole-file reads and complete writes. Failures raise the runtime's numbered file errors.
+// reads and complete writes. Failures raise the runtime's numbered file errors.
 #ifndef LARKPOST_MESSAGE_FILE_IO_H
 #define LARKPOST_MESSAGE_FILE_IO_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -42,8 +43,9 @@ struct OpenedFile {
 // Opens a regular file, or a link to one, for reading. Anything else (a directory, a FIFO, a
 // device) fails with "Path/File access error"; the open never blocks on a FIFO.
 OpenedFile OpenFileForReading(const std::string& nativePath);
-// Reads up to size bytes from the start; fewer when the file has shrunk since it was measured.
-std::string ReadBytes(const OpenedFile& file, const std::string& nativePath);
+// Reads up to count bytes at the current position into buffer; fewer only at the end of the file.
+std::size_t ReadInto(const OpenedFile& file, char* buffer, std::size_t count,
+                     const std::string& nativePath);
 
 // Opens for reading and writing, creating an empty file when there is none; an existing file
 // keeps its content.

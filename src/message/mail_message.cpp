@@ -11,6 +11,7 @@
 #include "message/message_assembly.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
+#include "platform/memory.h"
 
 namespace larkpost {
 
@@ -138,6 +139,8 @@ const std::u16string& MailMessage::BuildMessage() {
         StringBuilder builder;
         try {
             builder.Reserve(assembly.Length());
+            detail::AdviseHugePages(builder.Buffer().data(),
+                                    builder.Buffer().capacity() * sizeof(char16_t));
         } catch (const std::bad_alloc&) {
             // What cannot be held is the attached files' text, when there is any.
             if (assembly.HasAttachmentParts())

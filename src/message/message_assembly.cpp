@@ -1,5 +1,6 @@
 #include "message/message_assembly.h"
 
+#include <algorithm>
 #include <new>
 #include <stdexcept>
 
@@ -222,18 +223,29 @@ std::size_t MessageAssembly::Length() const {
 void MessageAssembly::WriteTo(std::u16string& out) const {
     AppendingSink sink{out};
     WriteHead(sink);
+    // Files are read and encoded a piece at a time, so no file is ever held whole. A piece is
+    // whole Base64 lines, and the texts of two pieces join with the line end between them.
+    constexpr std::size_t kPieceBytes = 57 * 2048;
+    std::string piece;
     for (const auto& attachment : m_attachments) {
         AttachmentStep(attachment.path, [&] {
             std::string native = NativePathOrRaise(*attachment.path);
-            std::string bytes;
-            {
-                OpenedFile file = OpenFileForReading(native);
-                bytes = ReadBytes(file, native);
-            }  // closed before the encoding
-            if (bytes.empty()) return;
+            OpenedFile file = OpenFileForReading(native);
+            if (file.size == 0) return;
             WriteAttachmentHead(sink, m_mixedBoundary, attachment.name,
-                                Base64EncodedLength(bytes.size()));
-            Base64EncodeBytesTo(bytes, out);
+                                Base64EncodedLength(file.size));
+            if (piece.empty()) piece.resize(kPieceBytes);
+            for (std::uint64_t left = file.size; left != 0;) {
+                const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
+                const std::size_t got = ReadInto(file, piece.data(), want, native);
+                // A file that shrank since it was measured reads as zeros to its measured size,
+                // so the part stays as long as its Content-Length says.
+                std::fill(piece.begin() + static_cast<std::ptrdiff_t>(got),
+                          piece.begin() + static_cast<std::ptrdiff_t>(want), '\0');
+                if (left != file.size) sink(u"\r\n");
+                Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
+                left -= want;
+            }
         });
     }
     WriteTail(sink);

@@ -3,10 +3,12 @@
 #ifndef LARKPOST_NET_TCP_STREAM_ACCESS_H
 #define LARKPOST_NET_TCP_STREAM_ACCESS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "larkpost/tcp_stream.h"
+#include "platform/memory.h"
 #include "platform/socket_control.h"
 
 namespace larkpost::detail {
@@ -15,6 +17,13 @@ struct TcpStreamAccess {
     // The address of the local end of the connection, empty when there is no control.
     static std::u16string LocalIP(TcpStream& s) {
         return s.m_socket ? s.m_socket->LocalIP() : std::u16string();
+    }
+
+    // Makes room for count more bytes of unsent text at once, so a whole message handed over
+    // in slices is copied into the buffer once and never moved while it grows.
+    static void ReserveSend(TcpStream& s, std::size_t count) {
+        s.m_sendBuffer.reserve(s.m_sendBuffer.size() + count);
+        AdviseHugePages(s.m_sendBuffer.data(), s.m_sendBuffer.capacity());
     }
 
     static int32_t State(const TcpStream& s) { return s.m_state; }

@@ -45,7 +45,23 @@ void AppendAnsi(std::string& out, std::u16string_view text) {
     std::size_t at = out.size();
     out.resize(at + text.size());
     char* dst = out.data() + at;
-    for (char16_t c : text) *dst++ = static_cast<char>(bytes[c]);
+    const char16_t* src = text.data();
+    const char16_t* end = src + text.size();
+    // Message text is nearly all ASCII: blocks of 16 characters below 0x80 narrow in one
+    // vectorisable step, everything else takes the table.
+    constexpr std::size_t kBlock = 16;
+    while (end - src >= static_cast<std::ptrdiff_t>(kBlock)) {
+        char16_t any = 0;
+        for (std::size_t i = 0; i < kBlock; ++i) any |= src[i];
+        if (any < 0x80) {
+            for (std::size_t i = 0; i < kBlock; ++i) dst[i] = static_cast<char>(src[i]);
+        } else {
+            for (std::size_t i = 0; i < kBlock; ++i) dst[i] = static_cast<char>(bytes[src[i]]);
+        }
+        src += kBlock;
+        dst += kBlock;
+    }
+    while (src != end) *dst++ = static_cast<char>(bytes[*src++]);
 }
 
 std::string ToAnsi(std::u16string_view text) {

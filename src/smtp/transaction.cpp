@@ -7,6 +7,7 @@
 #include "larkpost/mail_message.h"
 #include "larkpost/tcp_stream.h"
 #include "message/keyed_collection.h"
+#include "net/tcp_stream_access.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
 #include "smtp/smtp_response.h"
@@ -67,6 +68,8 @@ void MailClient::Send(std::shared_ptr<MailMessage> message) {
     for (const std::u16string& recipient : recipients) SendCommandChecked(u"RCPT TO: <" + recipient + u">");
     SendCommandChecked(u"DATA");
 
+    // The slices and the terminating line will sit in the send buffer together.
+    detail::TcpStreamAccess::ReserveSend(*m_stream, text.size() + 5);
     if (!TransferText(message, text)) return;
 
     // With the CR LF of the line itself this ends the data with CR LF "." CR LF. The read of
