@@ -35,14 +35,22 @@ std::shared_ptr<MailMessage> SimpleMessage() {
     return message;
 }
 
-// A built message whose text has exactly `length` characters (the smallest is about 330): the
-// subject line, written as it stands, pads it.
+// A built message whose text has exactly `length` characters (the smallest is about 330); the
+// subject line pads it.
 std::shared_ptr<MailMessage> MessageOfLength(std::size_t length) {
-    auto message = SimpleMessage();
-    message->SubjectLine(u"");
-    message->Body(u"");
-    const std::size_t bare = MailMessageAccess::BuildMessage(*message).size();
-    message->SubjectLine(std::u16string(length > bare ? length - bare : 0, u'x'));
+    detail::SetSystemTimerForTesting([] { return 43200.25f; });
+    auto message = std::make_shared<MailMessage>();
+    message->FromAddress(u"ann@example.test");
+    message->AddRecipient(u"bob@example.test");
+    std::size_t subject = 0;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        message->SubjectLine(std::u16string(subject, u'x'));
+        const std::size_t built = MailMessageAccess::BuildMessage(*message).size();
+        if (built == length) break;
+        if (built > length + subject) break;  // cannot be made that short
+        subject = subject + length - built;
+    }
+    detail::SetSystemTimerForTesting({});
     EXPECT_EQ(MailMessageAccess::BuildMessage(*message).size(), length);
     return message;
 }
