@@ -68,7 +68,8 @@ TEST(CApiHandles, NullDeadAndWrongClassHandlesGiveClearErrors) {
               LARKPOST_ERROR_INVALID_ARGUMENT);
 
     Handle builder("Larkpost.StringBuilder");
-    EXPECT_EQ(larkpost_mail_client_connect(builder.object, nullptr, nullptr), LARKPOST_ERROR_TYPE_MISMATCH);
+    EXPECT_EQ(larkpost_mail_client_connect(builder.object, nullptr, nullptr),
+              LARKPOST_ERROR_TYPE_MISMATCH);
     EXPECT_EQ(Description(),
               "larkpost_mail_client_connect: type mismatch: the handle is a "
               "Larkpost.StringBuilder, but this function needs a Larkpost.MailClient.");
@@ -88,11 +89,13 @@ TEST(CApiStrings, Utf8InAndOutNullAsEmptyAndInvalidInputChangesNothing) {
     EXPECT_EQ(length, 11u);
     EXPECT_EQ(TakeText(text), "Caf\xC3\xA9 \xE2\x82\xAC 1");
     for (const char* bad : {"\xC3\x28", "\xFF", "a\xE2\x82", "\xED\xA0\x80", "\xC0\xAF"}) {
-        EXPECT_EQ(larkpost_mail_message_set_subject_line(message.object, bad), LARKPOST_ERROR_INVALID_ARGUMENT);
-        EXPECT_EQ(Description(),
-                  "larkpost_mail_message_set_subject_line: the argument 'value' is not valid UTF-8 text.");
+        EXPECT_EQ(larkpost_mail_message_set_subject_line(message.object, bad),
+                  LARKPOST_ERROR_INVALID_ARGUMENT);
+        EXPECT_EQ(Description(), "larkpost_mail_message_set_subject_line: the argument 'value' is not "
+                                 "valid UTF-8 text.");
     }
-    EXPECT_EQ(larkpost_mail_message_add_recipient(message.object, "\xFF"), LARKPOST_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(larkpost_mail_message_add_recipient(message.object, "\xFF"),
+              LARKPOST_ERROR_INVALID_ARGUMENT);
     EXPECT_NE(Description().find("'recipient'"), std::string::npos);
     // Nothing changed; the length pointer may be left out.
     ASSERT_EQ(larkpost_mail_message_get_subject_line(message.object, &text, nullptr), 0);
@@ -105,14 +108,16 @@ TEST(CApiStrings, Utf8InAndOutNullAsEmptyAndInvalidInputChangesNothing) {
     Handle builder("Larkpost.StringBuilder");
     EXPECT_EQ(larkpost_string_builder_get_contents(builder.object, nullptr, nullptr),
               LARKPOST_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Description(), "larkpost_string_builder_get_contents: the pointer for the result is null.");
+    EXPECT_EQ(Description(),
+              "larkpost_string_builder_get_contents: the pointer for the result is null.");
     Handle client("Larkpost.MailClient");
     EXPECT_EQ(larkpost_mail_client_get_port(client.object, nullptr), LARKPOST_ERROR_INVALID_ARGUMENT);
 }
 
 TEST(CApiErrors, SuccessClearsTheRecordAndLibraryErrorsKeepTheirNumbers) {
     Handle message("Larkpost.MailMessage");
-    EXPECT_EQ(larkpost_mail_message_add_recipient(message.object, "   "), larkpost::ERROR_BLANK_RECIPIENT);
+    EXPECT_EQ(larkpost_mail_message_add_recipient(message.object, "   "),
+              larkpost::ERROR_BLANK_RECIPIENT);
     EXPECT_EQ(larkpost_error_number(), larkpost::ERROR_BLANK_RECIPIENT);
     EXPECT_EQ(Description(), "Blank recipient");
     EXPECT_STRNE(larkpost_error_source(), "");
@@ -156,10 +161,15 @@ extern "C" void LogProgress(void* user, larkpost_object* message, int32_t sent, 
     auto* log = static_cast<EventLog*>(user);
     log->events.push_back("progress " + std::to_string(sent) + "/" + std::to_string(total));
     log->progressMessages.push_back(message);
-    if (log->progressMessages.size() == 1) log->cancelResult = larkpost_mail_client_cancel_send(log->client);
+    if (log->progressMessages.size() == 1)
+        log->cancelResult = larkpost_mail_client_cancel_send(log->client);
 }
-extern "C" void LogCancelPending(void* user) { static_cast<EventLog*>(user)->events.push_back("cancel pending"); }
-extern "C" void LogSendCanceled(void* user) { static_cast<EventLog*>(user)->events.push_back("send canceled"); }
+extern "C" void LogCancelPending(void* user) {
+    static_cast<EventLog*>(user)->events.push_back("cancel pending");
+}
+extern "C" void LogSendCanceled(void* user) {
+    static_cast<EventLog*>(user)->events.push_back("send canceled");
+}
 
 TEST(CApiEvents, CancelFromTheFirstProgressCallbackSendsNoText) {
     ScriptedPeer peer;
@@ -174,7 +184,8 @@ TEST(CApiEvents, CancelFromTheFirstProgressCallbackSendsNoText) {
     ASSERT_EQ(larkpost_mail_message_set_body(message.object, std::string(3000, 'x').c_str()), 0);
     EventLog log;
     log.client = client.object;
-    ASSERT_EQ(larkpost_mail_client_set_events(client.object, LogProgress, LogCancelPending, LogSendCanceled, &log),
+    ASSERT_EQ(larkpost_mail_client_set_events(client.object, LogProgress, LogCancelPending,
+                                              LogSendCanceled, &log),
               0);
     ASSERT_EQ(larkpost_mail_client_set_server(client.object, "127.0.0.1"), 0);
     ASSERT_EQ(larkpost_mail_client_set_port(client.object, peer.Port()), 0);
@@ -202,7 +213,8 @@ TEST(CApiEvents, CancelFromTheFirstProgressCallbackSendsNoText) {
 TEST(CApiEvents, CancelPendingComesWithoutASend) {
     Handle client("Larkpost.MailClient");
     EventLog log;
-    ASSERT_EQ(larkpost_mail_client_set_events(client.object, nullptr, LogCancelPending, nullptr, &log), 0);
+    ASSERT_EQ(larkpost_mail_client_set_events(client.object, nullptr, LogCancelPending, nullptr, &log),
+              0);
     ASSERT_EQ(larkpost_mail_client_cancel_send(client.object), 0);
     EXPECT_EQ(log.events, std::vector<std::string>{"cancel pending"});
 }

@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "larkpost/error.h"
+#include "larkpost/text.h"
 #include "platform/host_kit.h"
 #include "platform/posix_socket_control.h"
 #include "platform/socket_control.h"
@@ -219,6 +220,7 @@ struct Endpoint {
     int family;
     std::u16string host;
     std::u16string localIP;
+    friend void PrintTo(const Endpoint& e, std::ostream* out) { *out << ToUtf8(e.host); }
 };
 
 class SocketControlExchange : public ::testing::TestWithParam<Endpoint> {};

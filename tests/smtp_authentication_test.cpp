@@ -88,7 +88,8 @@ INSTANTIATE_TEST_SUITE_P(
                   u"J\u00F6rg", u"\u20AC5\u4E00", {"AUTH PLAIN", "AEr2cmcAgDU/"}},
         // A refused LOGIN raises the reply alone and is not retried with PLAIN.
         LoginCase{"LoginRefused", kLoginOnly,
-                  {kUsername, kPassword, "535-5.7.8 Authentication\r\n535 5.7.8 credentials invalid\r\n"},
+                  {kUsername, kPassword,
+                   "535-5.7.8 Authentication\r\n535 5.7.8 credentials invalid\r\n"},
                   u"u", u"wrong", {"AUTH LOGIN", "dQ==", "d3Jvbmc="}, ERROR_AUTH_FAILED,
                   u"535-5.7.8 Authentication\r\n535 5.7.8 credentials invalid\r\n"},
         LoginCase{"PlainRefusedInItsSentence", kPlainOnly, {"334 \r\n", "535 5.7.8 no\r\n"}, u"a",

@@ -53,7 +53,8 @@ void ExpectFullMessage(const std::string& content, const std::string& subject) {
     EXPECT_EQ(parsed.Header("Subject"), subject);
     EXPECT_EQ(parsed.Header("From"), "\"Ann Lee\" <ann@example.test>");
     EXPECT_EQ(parsed.Header("To"), "bob@example.test");
-    EXPECT_EQ(parsed.structure.rfind("multipart/mixed(multipart/alternative(text/plain,text/html)", 0), 0u)
+    EXPECT_TRUE(parsed.structure.starts_with(
+        "multipart/mixed(multipart/alternative(text/plain,text/html)"))
         << parsed.structure;
     // The first part of this type with this file name (none for a body).
     auto leaf = [&](const std::string& type, std::optional<std::string> filename) -> std::string {
@@ -194,8 +195,9 @@ TEST(SmtpSinkTest, TheSameSendAgainstPostfixSmtpSink) {
     ASSERT_EQ(stored.size(), 2u);
     for (const StoredMessage& message : stored) {
         EXPECT_EQ(message.mailFrom, "<ann@example.test>");
-        EXPECT_EQ(message.rcptTos, (std::vector<std::string>{"<bob@example.test>", "<carl@example.test>",
-                                                             "<dana@example.test>"}));
+        EXPECT_EQ(message.rcptTos,
+                  (std::vector<std::string>{"<bob@example.test>", "<carl@example.test>",
+                                            "<dana@example.test>"}));
     }
     ExpectFullMessage(stored[0].content, "to the sink");
     ExpectFullMessage(stored[1].content, "again");

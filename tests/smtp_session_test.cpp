@@ -149,20 +149,24 @@ INSTANTIATE_TEST_SUITE_P(
     Replies, SmtpEhloTest,
     ::testing::Values(
         EhloCase{"AllKeywords",
-                 "250-peer\r\n250-8BITMIME\r\n250-PIPELINING\r\n250-AUTH LOGIN PLAIN\r\n250 SIZE 1000\r\n",
+                 "250-peer\r\n250-8BITMIME\r\n250-PIPELINING\r\n250-AUTH LOGIN PLAIN\r\n"
+                 "250 SIZE 1000\r\n",
                  31, 1000},
-        EhloCase{"LowerCase", "250-peer\r\n250-8bitmime\r\n250-pipelining\r\n250-auth plain\r\n250 size 77\r\n",
+        EhloCase{"LowerCase",
+                 "250-peer\r\n250-8bitmime\r\n250-pipelining\r\n250-auth plain\r\n250 size 77\r\n",
                  CAP_8BITMIME | CAP_PIPELINING | CAP_AUTH_PLAIN | CAP_SIZE, 77},
         EhloCase{"FirstLineIgnored", "250-SIZE 5\r\n250 AUTH LOGIN\r\n", CAP_AUTH_LOGIN},
         EhloCase{"OneLineAnnouncesNothing", "250 AUTH LOGIN PLAIN\r\n", 0},
         EhloCase{"AuthWithEqualsIsNotRecognised", "250-peer\r\n250 AUTH=LOGIN PLAIN\r\n", 0},
         EhloCase{"AuthDoubleSpaceAndOtherSchemes", "250-peer\r\n250 AUTH  CRAM-MD5 LOGIN XOAUTH2\r\n",
                  CAP_AUTH_LOGIN},
-        EhloCase{"KeywordsMustMatchWholly", "250-peer\r\n250-8BITMIMEX\r\n250-XPIPELINING\r\n250 SIZES 9\r\n", 0},
+        EhloCase{"KeywordsMustMatchWholly",
+                 "250-peer\r\n250-8BITMIMEX\r\n250-XPIPELINING\r\n250 SIZES 9\r\n", 0},
         EhloCase{"ShortLinesSkipped", "250-peer\r\n250-\r\n250\r\n", 0},
         EhloCase{"SizeZero", "250-peer\r\n250 SIZE 0\r\n", CAP_SIZE},
         EhloCase{"SizeLargest", "250-peer\r\n250 SIZE 2147483647\r\n", CAP_SIZE, 2147483647},
-        EhloCase{"Refused", "502 5.5.1 say HELO\r\n", 0, 0, ERROR_COMMAND_REFUSED, u"502 5.5.1 say HELO\r\n"},
+        EhloCase{"Refused", "502 5.5.1 say HELO\r\n", 0, 0, ERROR_COMMAND_REFUSED,
+                 u"502 5.5.1 say HELO\r\n"},
         SizeFailure("SizeWithoutValue", "250-SIZE", ERROR_INVALID_SIZE_VALUE,
                     u"Server sent back an invalid value for SIZE extension."),
         SizeFailure("SizeNotANumber", "250-SIZE lots", ERROR_TYPE_MISMATCH),
@@ -239,15 +243,6 @@ TEST(SmtpSessionFailures, QuitThatCannotBeWrittenStillClosesTheConnection) {
     EXPECT_EQ(control->CloseCalls(), 1);
     EXPECT_FALSE(IsConnected(client));
     EXPECT_NO_THROW(client.Disconnect());
-}
-
-TEST(SmtpSessionFailures, ConnectionFailureIsTheStreamsError) {
-    MailClient client;
-    test::PointAt(client, test::FreeLoopbackPort());
-    const RaisedError error = ConnectFailure(client);
-    EXPECT_NE(error.Number(), 0);
-    EXPECT_NE(error.Source(), detail::kSourceMailClient);
-    EXPECT_FALSE(IsConnected(client));
 }
 
 }  // namespace

@@ -119,9 +119,9 @@ TEST_F(TransactionTest, EveryCommandIsOneWriteAndRefusalsStopAtTheFirst) {
     client.Send(message);
     client.Disconnect();
     ASSERT_TRUE(peer.Join());
-    const std::string from = "MAIL FROM: <ann@example.test>\r\n", bob = "RCPT TO: <bob@example.test>\r\n",
-                      carl = "RCPT TO: <carl@example.test>\r\n", dana = "RCPT TO: <dana@example.test>\r\n",
-                      data = "DATA\r\n";
+    const std::string from = "MAIL FROM: <ann@example.test>\r\n", data = "DATA\r\n",
+                      bob = "RCPT TO: <bob@example.test>\r\n", carl = "RCPT TO: <carl@example.test>\r\n",
+                      dana = "RCPT TO: <dana@example.test>\r\n";
     const Strings expected = {ehlo, from,                                // refused sender
                               from, bob, carl,                           // refused recipient
                               from, bob, carl, dana, bob, data,          // refused DATA
@@ -170,7 +170,8 @@ TEST_F(TransactionTest, ChecksComeInOrderAndSendNothing) {
     broken->AttachFile(vanishing);
     std::remove(vanishing.c_str());
     EXPECT_EQ(SendFailure(broken).Number(), ERROR_ATTACHMENT_FAILED);
-    EXPECT_RAISES(client.Send(SimpleMessage()), ERROR_MESSAGE_TOO_LARGE, "The message was too large to send.");
+    EXPECT_RAISES(client.Send(SimpleMessage()), ERROR_MESSAGE_TOO_LARGE,
+                  "The message was too large to send.");
     EXPECT_TRUE(Connected());
     EXPECT_EQ(wire.Writes(), Strings{ehlo});
     client.Disconnect(true);
@@ -259,7 +260,9 @@ TEST_P(TransactionEndTest, NothingOfTheTextLeaves) {
     ScriptedPeer peer;
     UpToData(peer).WaitForClose();
     ConnectTo(peer);
-    listener->onProgress = [&](int32_t sent, int32_t total) { GetParam().onProgress(client, sent, total); };
+    listener->onProgress = [&](int32_t sent, int32_t total) {
+        GetParam().onProgress(client, sent, total);
+    };
     listener->onCanceled = [&] { EXPECT_FALSE(Connected()); };
     Listen();
     std::string outcome;
@@ -364,7 +367,8 @@ TEST_F(TransactionTest, AnotherSendFromAProgressHandlerEndsTheOuterTransfer) {
     ScriptedPeer peer;
     // A lenient server that takes the inner transaction behind the outer's first slice.
     UpToData(peer).ReadUntil("MAIL FROM: <ann@example.test>\r\n").Send("250 ok\r\n");
-    peer.Reply("250 ok\r\n").Reply("354 go\r\n").ReadUntil("\r\n.\r\n").Send("250 queued\r\n").WaitForClose();
+    peer.Reply("250 ok\r\n").Reply("354 go\r\n").ReadUntil("\r\n.\r\n").Send("250 queued\r\n");
+    peer.WaitForClose();
     ConnectTo(peer);
     bool nested = false;
     listener->onProgress = [&](int32_t, int32_t) {
