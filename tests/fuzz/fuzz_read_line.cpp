@@ -14,8 +14,9 @@
 
 using namespace larkpost;
 
-// A second of scaled ticks: long enough that only real silence ends a wait.
-constexpr int32_t kGenerousTicks = 10000;
+// Five seconds of scaled ticks (half the per-input limit): long enough that only real silence
+// ends a wait, even on a machine so busy that a pump stalls for a second.
+constexpr int32_t kGenerousTicks = 50000;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::UseFastTime();
