@@ -22,14 +22,14 @@ int32_t ParseNumber(std::string_view option, const std::string& value, int32_t m
     return number;
 }
 
-struct OptionSpec {
+struct OptionRule {
     std::string_view name;
     bool takesValue;
     std::function<void(Options&, const std::string&)> apply;
 };
 
-const std::vector<OptionSpec>& Specs() {
-    static const std::vector<OptionSpec> specs = {
+const std::vector<OptionRule>& Rules() {
+    static const std::vector<OptionRule> rules = {
         {"--help", false, [](Options& o, const std::string&) { o.help = true; }},
         {"--version", false, [](Options& o, const std::string&) { o.version = true; }},
         {"--quiet", false, [](Options& o, const std::string&) { o.quiet = true; }},
@@ -53,12 +53,12 @@ const std::vector<OptionSpec>& Specs() {
         {"--attach", true, [](Options& o, const std::string& v) { o.attachments.push_back(v); }},
         {"--save", true, [](Options& o, const std::string& v) { o.saveFile = v; }},
     };
-    return specs;
+    return rules;
 }
 
-const OptionSpec* FindSpec(std::string_view name) {
-    for (const auto& spec : Specs()) {
-        if (spec.name == name) return &spec;
+const OptionRule* FindRule(std::string_view name) {
+    for (const auto& rule : Rules()) {
+        if (rule.name == name) return &rule;
     }
     return nullptr;
 }
@@ -99,17 +99,17 @@ Options ParseOptions(int argc, const char* const argv[]) {
                 "there is no --password option, so that no password stands on a command line: "
                 "set LARKPOST_PASSWORD, use --password-env VARIABLE, or type it at the prompt");
         }
-        const OptionSpec* spec = FindSpec(name);
-        if (spec == nullptr) {
+        const OptionRule* rule = FindRule(name);
+        if (rule == nullptr) {
             if (argument.starts_with("-"))
                 throw UsageError("unknown option '" + std::string(argument) + "' (see --help)");
             throw UsageError("unexpected argument '" + std::string(argument) +
                              "': every value belongs to an option (see --help)");
         }
-        if (!spec->takesValue) {
+        if (!rule->takesValue) {
             if (inlineValue)
                 throw UsageError("option " + std::string(name) + " takes no value");
-            spec->apply(options, {});
+            rule->apply(options, {});
             continue;
         }
         std::string value;
@@ -121,7 +121,7 @@ Options ParseOptions(int argc, const char* const argv[]) {
                 throw UsageError("option " + std::string(name) + " needs a value");
             value = argv[++i];
         }
-        spec->apply(options, value);
+        rule->apply(options, value);
     }
     CheckCombination(options);
     return options;
