@@ -1,5 +1,6 @@
 #include "larkpost/tcp_stream.h"
 
+#include <algorithm>
 #include <exception>
 #include <string>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/host_kit.h"
+#include "platform/memory.h"
 #include "platform/socket_control.h"
 #include "platform/ticker.h"
 
@@ -311,6 +313,13 @@ void TcpStream::m_ticker_Elapsed() {
 // ---- Writing ----
 
 void TcpStream::Send(std::u16string_view Data) {
+    const std::size_t needed = m_sendBuffer.size() + Data.size();
+    if (needed > m_sendBuffer.capacity()) {
+        // Geometric growth keeps appends amortised O(1); a large buffer asks for huge pages so
+        // that filling fresh memory does not cost a page fault every 4 KiB.
+        m_sendBuffer.reserve(std::max(needed, 2 * m_sendBuffer.capacity()));
+        detail::AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
+    }
     detail::AppendAnsi(m_sendBuffer, Data);
 }
 
