@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <strings.h>
 
+#include "larkpost/text.h"
 #include "support/process.h"
 
 namespace larkpost::test {
@@ -121,24 +122,6 @@ private:
         return v;
     }
 
-    static void AppendUtf8(std::string& out, char32_t c) {
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
-
     // After the opening quote; the text in UTF-8.
     std::string ReadString() {
         std::string out;
@@ -157,13 +140,13 @@ private:
                 case 'b': out += '\b'; break;
                 case 'f': out += '\f'; break;
                 case 'u': {
-                    char32_t cp = ReadHex4();
-                    if (cp >= 0xD800 && cp <= 0xDBFF && m_text.compare(m_at, 2, "\\u") == 0) {
+                    std::u16string units(1, static_cast<char16_t>(ReadHex4()));
+                    if (units[0] >= 0xD800 && units[0] <= 0xDBFF &&
+                        m_text.compare(m_at, 2, "\\u") == 0) {
                         m_at += 2;
-                        char32_t low = ReadHex4();
-                        cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+                        units += static_cast<char16_t>(ReadHex4());
                     }
-                    AppendUtf8(out, cp);
+                    out += ToUtf8(units);
                     break;
                 }
                 default: out += e;  // \" \\ \/
