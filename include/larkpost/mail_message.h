@@ -76,6 +76,8 @@ private:
     std::shared_ptr<detail::KeyedCollection> Attachments() const;
     // The whole message text, from the cache while nothing has changed since the last build.
     const std::u16string& BuildMessage();
+    // The same text, shared: a holder keeps it alive even when the message is rebuilt meanwhile.
+    std::shared_ptr<const std::u16string> BuildMessageText();
 
     void AddTo(detail::KeyedCollection& list, const std::u16string& Recipient);
     void RemoveFrom(detail::KeyedCollection& list, const std::u16string& Recipient);
@@ -90,7 +92,7 @@ private:
     std::shared_ptr<detail::KeyedCollection> m_ccRecipients;
     std::shared_ptr<detail::KeyedCollection> m_bccRecipients;
     std::shared_ptr<detail::KeyedCollection> m_attachments;
-    std::u16string m_cachedMessage;
+    std::shared_ptr<const std::u16string> m_cachedMessage;
     bool m_changed = false;
 };
 

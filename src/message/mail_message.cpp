@@ -31,7 +31,8 @@ MailMessage::MailMessage()
       m_recipients(std::make_shared<detail::KeyedCollection>()),
       m_ccRecipients(std::make_shared<detail::KeyedCollection>()),
       m_bccRecipients(std::make_shared<detail::KeyedCollection>()),
-      m_attachments(std::make_shared<detail::KeyedCollection>()) {}
+      m_attachments(std::make_shared<detail::KeyedCollection>()),
+      m_cachedMessage(std::make_shared<const std::u16string>()) {}
 
 MailMessage::~MailMessage() = default;
 
@@ -130,7 +131,9 @@ std::shared_ptr<detail::KeyedCollection> MailMessage::Attachments() const {
     return m_attachments;
 }
 
-const std::u16string& MailMessage::BuildMessage() {
+const std::u16string& MailMessage::BuildMessage() { return *BuildMessageText(); }
+
+std::shared_ptr<const std::u16string> MailMessage::BuildMessageText() {
     if (!m_changed) return m_cachedMessage;
     try {
         detail::MessageAssembly assembly({m_subjectLine, m_fromAddress, m_senderName, m_body,
@@ -154,7 +157,7 @@ const std::u16string& MailMessage::BuildMessage() {
             throw std::bad_alloc();
         }
         assembly.WriteTo(builder.Buffer());
-        m_cachedMessage = builder.TakeContents();
+        m_cachedMessage = std::make_shared<const std::u16string>(builder.TakeContents());
     } catch (const std::bad_alloc&) {
         detail::RaiseFileError(detail::ERROR_OUT_OF_MEMORY, kSourceMailMessage);
     }

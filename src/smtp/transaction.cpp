@@ -36,24 +36,19 @@ void MailClient::Send(std::shared_ptr<MailMessage> message) {
         detail::Raise(ERROR_NO_RECIPIENTS, u"No recipient(s) specified in message.", detail::kSourceMailClient);
     }
 
-    const std::u16string& built = message->BuildMessage();
+    // Held for the whole transfer: a progress handler that rebuilds the message (SaveToFile
+    // after a change) replaces the message's text, not the one being sent.
+    const std::shared_ptr<const std::u16string> built = message->BuildMessageText();
     // A SIZE of 0 announces no fixed limit (RFC 1870), so it is not a limit of 0 characters.
     if (HasCapability(CAP_SIZE) && m_maxMessageSize > 0 &&
-        built.size() > static_cast<std::size_t>(m_maxMessageSize)) {
+        built->size() > static_cast<std::size_t>(m_maxMessageSize)) {
         detail::Raise(ERROR_MESSAGE_TOO_LARGE, u"The message was too large to send.", detail::kSourceMailClient);
     }
-    if (built.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
+    if (built->size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
         detail::RaiseRuntime(ERROR_OVERFLOW, detail::kSourceMailClient);
     }
 
-    // A progress handler may rebuild the message (SaveToFile does), which replaces the text that
-    // `built` refers to; with listeners present we slice a copy of our own.
-    std::u16string ownCopy;
-    std::u16string_view text = built;
-    if (!m_listeners.empty()) {
-        ownCopy = built;
-        text = ownCopy;
-    }
+    const std::u16string_view text = *built;
 
     std::vector<std::u16string> recipients;
     AppendAll(recipients, *message->Recipients());

@@ -26,7 +26,7 @@ struct MailMessageAccess {
     static const std::u16string& BuildMessage(MailMessage& m) { return m.BuildMessage(); }
     // The change flag and the cache, for checking what an operation leaves behind.
     static bool Changed(const MailMessage& m) { return m.m_changed; }
-    static const std::u16string& CachedMessage(const MailMessage& m) { return m.m_cachedMessage; }
+    static const std::u16string& CachedMessage(const MailMessage& m) { return *m.m_cachedMessage; }
 };
 
 }  // namespace larkpost::detail
