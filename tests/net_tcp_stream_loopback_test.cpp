@@ -8,6 +8,7 @@
 #include "larkpost/error.h"
 #include "larkpost/tcp_stream.h"
 #include "platform/clock.h"
+#include "support/raised.h"
 #include "support/scripted_peer.h"
 #include "support/smtp_servers.h"
 
@@ -17,16 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::ScriptedPeer;
 
-template <typename Call>
-RaisedError Raised(Call&& call) {
-    try {
-        call();
-    } catch (const RaisedError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was raised";
-    return RaisedError(0, u"(nothing raised)");
-}
+using test::Raised;
 
 class LoopbackTest : public ::testing::Test {
 protected:

@@ -14,6 +14,7 @@
 #include "platform/errors.h"
 #include "platform/host_kit.h"
 #include "support/fake_socket_control.h"
+#include "support/raised.h"
 
 namespace larkpost {
 namespace {
@@ -29,16 +30,7 @@ using Writes = std::vector<std::string>;
 constexpr char16_t kNotConnected[] = u"Not connected.";
 constexpr char16_t kNoResponse[] = u"The server did not respond in time.";
 
-template <typename Call>
-RaisedError Raised(Call&& call) {
-    try {
-        call();
-    } catch (const RaisedError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was raised";
-    return RaisedError(0, u"(nothing raised)");
-}
+using test::Raised;
 
 void ExpectRaised(const RaisedError& error, int32_t number, std::u16string_view description) {
     EXPECT_EQ(error.Number(), number);

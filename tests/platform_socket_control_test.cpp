@@ -26,6 +26,7 @@
 #include "platform/socket_control.h"
 #include "platform/socket_errors.h"
 #include "platform/ticker.h"
+#include "support/raised.h"
 #include "support/smtp_servers.h"
 #include "support/under_valgrind.h"
 
@@ -88,16 +89,7 @@ std::shared_ptr<SocketControl> NewControl(Recorder& recorder) {
     return control;
 }
 
-template <typename Call>
-RaisedError Raised(Call&& call) {
-    try {
-        call();
-    } catch (const RaisedError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was raised";
-    return RaisedError(0, u"(nothing raised)");
-}
+using test::Raised;
 
 // A listening socket on a loopback address, with blocking accept for the peer side.
 class Listener {
