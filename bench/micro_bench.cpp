@@ -24,7 +24,8 @@
 #include <thread>
 
 #include "bench_support.h"
-#include "encoding/common.h"
+#include "encoding/base64.h"
+#include "encoding/quoted_printable.h"
 #include "larkpost/tcp_stream.h"
 #include "reference_base64.h"
 

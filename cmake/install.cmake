@@ -13,6 +13,8 @@ install(TARGETS larkpost
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/larkpost
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
+install(FILES ${LARKPOST_GENERATED_INCLUDE}/larkpost/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/larkpost)
 
 install(EXPORT LarkpostTargets
   NAMESPACE larkpost::

@@ -71,14 +71,12 @@ void CheckCombination(const Options& options) {
         throw UsageError("--save writes the message instead of sending it: leave out --server");
     if (options.saveFile && options.user)
         throw UsageError("--user has no use with --save, which sends nothing");
-    if (options.passwordEnv && !options.user)
-        throw UsageError("--password-env needs --user");
+    if (options.passwordEnv && !options.user) throw UsageError("--password-env needs --user");
     if (options.from.empty()) throw UsageError("--from is needed: the sender's address");
     if (!options.saveFile) {
         if (options.server.empty())
             throw UsageError("--server is needed to send (or --save FILE to write the message)");
-        if (options.to.empty())
-            throw UsageError("at least one --to is needed to send a message");
+        if (options.to.empty()) throw UsageError("at least one --to is needed to send a message");
     }
 }
 
@@ -90,7 +88,8 @@ Options ParseOptions(int argc, const char* const argv[]) {
         std::string_view argument = argv[i];
         std::string_view name = argument;
         std::optional<std::string> inlineValue;
-        if (auto equals = argument.find('='); argument.starts_with("--") && equals != argument.npos) {
+        if (auto equals = argument.find('=');
+            argument.starts_with("--") && equals != argument.npos) {
             name = argument.substr(0, equals);
             inlineValue = std::string(argument.substr(equals + 1));
         }
@@ -107,8 +106,7 @@ Options ParseOptions(int argc, const char* const argv[]) {
                              "': every value belongs to an option (see --help)");
         }
         if (!rule->takesValue) {
-            if (inlineValue)
-                throw UsageError("option " + std::string(name) + " takes no value");
+            if (inlineValue) throw UsageError("option " + std::string(name) + " takes no value");
             rule->apply(options, {});
             continue;
         }

@@ -1,4 +1,6 @@
 // larkpost: sends one e-mail through an SMTP relay, or writes it to a file. See --help.
+#include "larkpost/larkpost.h"
+
 #include <signal.h>
 #include <unistd.h>
 
@@ -9,7 +11,6 @@
 
 #include "cli_error.h"
 #include "cli_options.h"
-#include "larkpost/larkpost.h"
 #include "password_source.h"
 #include "progress_bar.h"
 #include "text_input.h"
@@ -19,14 +20,16 @@ namespace {
 
 // What a Ctrl-C does depends on where the program stands.
 enum Phase : int {
-    kPhaseOther = 0,      // ends the program at once
-    kPhaseCancelable = 1, // asks the running Send to cancel at its next progress event
-    kPhaseFinishing = 2,  // the text is on its way: ends the program at once
+    kPhaseOther = 0,       // ends the program at once
+    kPhaseCancelable = 1,  // asks the running Send to cancel at its next progress event
+    kPhaseFinishing = 2,   // the text is on its way: ends the program at once
 };
 volatile sig_atomic_t g_phase = kPhaseOther;
 volatile sig_atomic_t g_cancelRequested = 0;
 
-void WriteToStderr(const char* text, std::size_t length) { (void)!::write(STDERR_FILENO, text, length); }
+void WriteToStderr(const char* text, std::size_t length) {
+    (void)!::write(STDERR_FILENO, text, length);
+}
 
 extern "C" void OnInterrupt(int) {
     if (g_phase == kPhaseCancelable && !g_cancelRequested) {
@@ -52,8 +55,7 @@ enum class Step { FillMessage, Save, Connect, Send };
 
 int StatusFor(Step step, int32_t number) {
     switch (step) {
-        case Step::FillMessage:
-            return number == ERROR_FILE_NOT_FOUND ? kExitFile : kExitMessage;
+        case Step::FillMessage: return number == ERROR_FILE_NOT_FOUND ? kExitFile : kExitMessage;
         case Step::Save: return kExitFile;  // the target file, or an attachment read for it
         case Step::Connect: return kExitServer;
         case Step::Send:
@@ -180,9 +182,10 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
     client.RemoveListener(listener);
 
     if (listener->Canceled()) {
-        std::fputs("larkpost: canceled: the connection was closed before any of the message "
-                   "text reached the server\n",
-                   stderr);
+        std::fputs(
+            "larkpost: canceled: the connection was closed before any of the message "
+            "text reached the server\n",
+            stderr);
         return kExitCanceled;
     }
     try {
@@ -210,13 +213,14 @@ int Run(int argc, char** argv) {
         return kExitOk;
     }
     if (options.version) {
-        std::printf("larkpost %s\n", LARKPOST_VERSION);
+        std::printf("larkpost %s\n", LARKPOST_VERSION_STRING);
         return kExitOk;
     }
     auto message = FillMessage(options);
     if (options.saveFile) {
         InStep(Step::Save, [&] { message->SaveToFile(std::string_view(*options.saveFile)); });
-        if (!options.quiet) std::fprintf(stderr, "larkpost: saved to %s\n", options.saveFile->c_str());
+        if (!options.quiet)
+            std::fprintf(stderr, "larkpost: saved to %s\n", options.saveFile->c_str());
         return kExitOk;
     }
     return SendMessage(options, message);

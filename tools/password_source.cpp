@@ -37,7 +37,8 @@ std::string PromptWithoutEcho(const std::string& user) {
 
     termios quiet;
     bool haveTerminal = ::tcgetattr(fd, &g_savedTerminal) == 0;
-    struct sigaction restore {}, previous {};
+    struct sigaction restore {
+    }, previous{};
     if (haveTerminal) {
         g_promptFd = fd;
         restore.sa_handler = RestoreTerminalAndExit;

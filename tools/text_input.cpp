@@ -1,23 +1,52 @@
 #include "text_input.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "cli_error.h"
 #include "larkpost/text.h"
-#include "platform/file_errors.h"
 
 namespace larkpost::cli {
 namespace {
 
+// The numbers and words the library uses for the same file failures.
+struct ReadFailure {
+    int32_t number;
+    const char* description;
+};
+
+bool DirectoryOfPathExists(const std::string& path) {
+    const auto slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "."
+                                  : slash == 0               ? "/"
+                                                             : path.substr(0, slash);
+    struct stat info;
+    return ::stat(directory.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+ReadFailure DescribeReadFailure(int err, const std::string& path) {
+    switch (err) {
+        case ENOENT:
+            if (DirectoryOfPathExists(path)) return {53, "File not found"};
+            return {76, "Path not found"};
+        case ENOTDIR: return {76, "Path not found"};
+        case EACCES:
+        case EPERM: return {70, "Permission denied"};
+        case EIO: return {57, "Device I/O error"};
+        case ENOMEM: return {7, "Out of memory"};
+        default: return {75, "Path/File access error"};
+    }
+}
+
 [[noreturn]] void RaiseReadFailure(int err, const std::string& path, std::string_view what) {
-    int32_t number = detail::FileErrorNumber(err, detail::FileUse::Read, path);
+    const ReadFailure failure = DescribeReadFailure(err, path);
     std::string name = path == "-" ? std::string("standard input") : "'" + path + "'";
-    throw CliError{kExitFile, number,
-                   "cannot read the " + std::string(what) + " " + name + ": " +
-                       ToUtf8(detail::FileErrorDescription(number))};
+    throw CliError{
+        kExitFile, failure.number,
+        "cannot read the " + std::string(what) + " " + name + ": " + failure.description};
 }
 
 std::string ReadAll(const std::string& path, std::string_view what) {
@@ -65,8 +94,8 @@ std::u16string ReadTextInput(const std::string& path, std::string_view what) {
     std::u16string text;
     if (!TryFromUtf8(bytes, text)) {
         std::string name = path == "-" ? std::string("standard input") : "'" + path + "'";
-        throw CliError{kExitFile, 5, "the " + std::string(what) + " " + name +
-                                         " is not valid UTF-8 text"};
+        throw CliError{kExitFile, 5,
+                       "the " + std::string(what) + " " + name + " is not valid UTF-8 text"};
     }
     return WithCrLfLineEnds(text);
 }

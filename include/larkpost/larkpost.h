@@ -9,5 +9,6 @@
 #include "larkpost/string_builder.h"
 #include "larkpost/tcp_stream.h"
 #include "larkpost/text.h"
+#include "larkpost/version.h"
 
 #endif

@@ -38,15 +38,15 @@ typedef struct larkpost_object larkpost_object;
 
 /* Error numbers of the C interface itself, besides those of the classes (larkpost/error.h). */
 #define LARKPOST_OK 0
-#define LARKPOST_ERROR_INVALID_ARGUMENT 5   /* bad argument, invalid UTF-8, null out pointer */
+#define LARKPOST_ERROR_INVALID_ARGUMENT 5 /* bad argument, invalid UTF-8, null out pointer */
 #define LARKPOST_ERROR_OUT_OF_MEMORY 7
-#define LARKPOST_ERROR_TYPE_MISMATCH 13     /* a handle of another class than the function's */
-#define LARKPOST_ERROR_INTERNAL 51          /* a failure the library did not foresee */
-#define LARKPOST_ERROR_NULL_HANDLE 91       /* a null handle */
-#define LARKPOST_ERROR_CANNOT_CREATE 429    /* an unknown class name */
+#define LARKPOST_ERROR_TYPE_MISMATCH 13  /* a handle of another class than the function's */
+#define LARKPOST_ERROR_INTERNAL 51       /* a failure the library did not foresee */
+#define LARKPOST_ERROR_NULL_HANDLE 91    /* a null handle */
+#define LARKPOST_ERROR_CANNOT_CREATE 429 /* an unknown class name */
 #define LARKPOST_ERROR_BASE ((int32_t)0xA38F0000u)
 
-/* The library's version, "1.0.0". */
+/* The library's version, such as "1.0.0" (LARKPOST_VERSION_STRING of larkpost/version.h). */
 LARKPOST_API const char* larkpost_library_version(void);
 
 /* ---- objects ---- */

@@ -7,18 +7,16 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "larkpost/export.h"
 
 namespace larkpost {
 
 class MailMessage;
-class TcpStream;
 
 namespace detail {
-struct SmtpResponse;
-struct MailClientAccess;
+class MailClientImpl;
+struct ImplAccess;
 }  // namespace detail
 
 // The events of a MailClient. Override what you need; the defaults do nothing. Handlers run on
@@ -75,39 +73,8 @@ public:
     void RemoveListener(const std::shared_ptr<MailClientEvents>& listener);
 
 private:
-    friend struct detail::MailClientAccess;
-
-    void NegotiateCapabilities();
-    void RecordCapability(std::u16string_view keywordLine);
-    std::u16string EhloName();
-    void Authenticate(const std::u16string& Username, const std::u16string& Password);
-    void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
-    void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
-    bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
-    void DropConnectionQuietly() noexcept;
-    detail::SmtpResponse SendCommand(std::u16string_view command);
-    detail::SmtpResponse SendCommandChecked(std::u16string_view command);
-    detail::SmtpResponse ReadResponse();
-    void SendRaw(std::u16string_view text);
-    void SendRawLine(std::u16string_view text);
-    int32_t HasCapability(int32_t flag) const;
-
-    void RaiseSendProgress(const std::shared_ptr<MailMessage>& message, int32_t bytesSent,
-                           int32_t totalBytes);
-    void RaiseCancelPending();
-    void RaiseSendCanceled();
-
-    std::unique_ptr<TcpStream> m_stream;
-    std::u16string m_server;
-    int32_t m_port = 25;
-    int32_t m_capabilities = 0;
-    int32_t m_maxMessageSize = 0;
-    bool m_cancelRequested = false;
-    // Counts of Connect/Disconnect calls and of Send calls, so that a Send notices when an event
-    // handler has closed or replaced its connection, or run another transaction on it.
-    uint64_t m_connectionEpoch = 0;
-    uint64_t m_transactionEpoch = 0;
-    std::vector<std::shared_ptr<MailClientEvents>> m_listeners;
+    friend struct detail::ImplAccess;
+    std::unique_ptr<detail::MailClientImpl> m_impl;
 };
 
 }  // namespace larkpost

@@ -10,11 +10,9 @@
 
 namespace larkpost {
 
-class MailClient;
-
 namespace detail {
-class KeyedCollection;
-struct MailMessageAccess;
+struct MailMessageImpl;
+struct ImplAccess;
 }  // namespace detail
 
 class LARKPOST_API MailMessage {
@@ -67,33 +65,8 @@ public:
     void SaveToFile(std::string_view FileSpec);
 
 private:
-    friend class MailClient;
-    friend struct detail::MailMessageAccess;
-
-    std::shared_ptr<detail::KeyedCollection> Recipients() const;
-    std::shared_ptr<detail::KeyedCollection> CCRecipients() const;
-    std::shared_ptr<detail::KeyedCollection> BCCRecipients() const;
-    std::shared_ptr<detail::KeyedCollection> Attachments() const;
-    // The whole message text, from the cache while nothing has changed since the last build.
-    const std::u16string& BuildMessage();
-    // The same text, shared: a holder keeps it alive even when the message is rebuilt meanwhile.
-    std::shared_ptr<const std::u16string> BuildMessageText();
-
-    void AddTo(detail::KeyedCollection& list, const std::u16string& Recipient);
-    void RemoveFrom(detail::KeyedCollection& list, const std::u16string& Recipient);
-
-    std::u16string m_fromAddress;
-    std::u16string m_senderName;
-    std::u16string m_subjectLine;
-    std::u16string m_body;
-    std::u16string m_bodyHTML;
-    std::u16string m_mimeType;
-    std::shared_ptr<detail::KeyedCollection> m_recipients;
-    std::shared_ptr<detail::KeyedCollection> m_ccRecipients;
-    std::shared_ptr<detail::KeyedCollection> m_bccRecipients;
-    std::shared_ptr<detail::KeyedCollection> m_attachments;
-    std::shared_ptr<const std::u16string> m_cachedMessage;
-    bool m_changed = false;
+    friend struct detail::ImplAccess;
+    std::unique_ptr<detail::MailMessageImpl> m_impl;
 };
 
 }  // namespace larkpost

@@ -2,7 +2,7 @@
 #ifndef LARKPOST_STRING_BUILDER_H
 #define LARKPOST_STRING_BUILDER_H
 
-#include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -10,10 +10,18 @@
 
 namespace larkpost {
 
-class MailMessage;
+namespace detail {
+struct StringBuilderImpl;
+struct ImplAccess;
+}  // namespace detail
 
 class LARKPOST_API StringBuilder {
 public:
+    StringBuilder();
+    ~StringBuilder();
+    StringBuilder(const StringBuilder& other);
+    StringBuilder& operator=(const StringBuilder& other);
+
     // A copy of the text accumulated so far.
     std::u16string Contents() const;
     void Clear();
@@ -23,13 +31,8 @@ public:
     StringBuilder& AppendCRLF();
 
 private:
-    friend class MailMessage;
-    // For the message assembly, which knows its final size and hands the text on without a copy.
-    void Reserve(std::size_t characters);
-    std::u16string& Buffer() { return m_contents; }
-    std::u16string TakeContents();
-
-    std::u16string m_contents;
+    friend struct detail::ImplAccess;
+    std::unique_ptr<detail::StringBuilderImpl> m_impl;
 };
 
 }  // namespace larkpost

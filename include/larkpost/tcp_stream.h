@@ -8,7 +8,6 @@
 #define LARKPOST_TCP_STREAM_H
 
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,9 +17,8 @@
 namespace larkpost {
 
 namespace detail {
-class SocketControl;
-class Ticker;
-struct TcpStreamAccess;
+class TcpStreamImpl;
+struct ImplAccess;
 }  // namespace detail
 
 class LARKPOST_API TcpStream {
@@ -59,67 +57,8 @@ public:
     std::u16string LocalHostName();
 
 private:
-    friend struct detail::TcpStreamAccess;
-    struct SocketSink;
-    struct TickerSink;
-
-    void ResetSocket();
-    void m_socket_Close();
-    void m_socket_Connect();
-    void m_socket_DataArrival(int32_t bytesTotal);
-    void m_socket_Error(int16_t Number, std::u16string& Description, int32_t Scode,
-                        const std::u16string& Source, const std::u16string& HelpFile,
-                        int32_t HelpContext, bool& CancelDisplay);
-    void SetState(int32_t state);
-    int32_t GetState() const;
-    void RecordError(int32_t number, std::u16string description);
-    // The waits sleep between pumps and end when nothing on the thread can deliver an event.
-    // Peek's wait, until the state or STATE_ERROR; false when it could never end.
-    bool WaitForState(int32_t state);
-    // Connect's wait, until a state of the list or STATE_ERROR; false when the connection did
-    // not come up (closed first, or no outcome).
-    bool WaitForAnyState(std::initializer_list<int32_t> states);
-    static bool IsInList(int32_t value, std::initializer_list<int32_t> list);
-    // Flush's wait; false when the connection closed before the text was reported gone.
-    bool WaitForSendComplete();
-    void RaiseRecordedError();
-    bool HasRecordedError() const;
-    void m_socket_SendComplete();
-    void m_ticker_Elapsed();
-    void ReleaseSocket() noexcept;
-    bool HasPendingSend() const;
-    // What the last connection left behind: unsent text, unread characters, a pending error.
-    void DiscardLeftovers();
-    // Peek's first steps: flush, wait while no more than `seen` characters are unread, raise a
-    // pending error.
-    void AwaitUnread(std::size_t seen);
-    std::u16string_view Unread() const;
-    // The next `length` unread characters, which end in CR LF, as a line without them.
-    std::u16string TakeLine(std::size_t length);
-    void Consume(std::size_t count);
-
-    int32_t m_state = 0;
-    int32_t m_errorNumber = 0;
-    std::u16string m_errorDescription;
-    bool m_errorPending = false;
-    // Unread characters live at m_receiveBuffer[m_receiveOffset...]; reads advance the offset.
-    std::u16string m_receiveBuffer;
-    std::size_t m_receiveOffset = 0;
-    // Where GetData puts an arrival; it keeps its capacity from one arrival to the next.
-    std::u16string m_arrival;
-    // Unsent text, kept already in the code page it goes out in.
-    std::string m_sendBuffer;
-    int32_t m_lastArrivalBytes = 0;
-    int32_t m_ticksLeft = 0;
-    // Counts of Connect, SendComplete and Close events, so a wait notices an outcome that a
-    // later event of the same pump has overwritten in m_state.
-    uint64_t m_connectEvents = 0;
-    uint64_t m_sendCompleteEvents = 0;
-    uint64_t m_closeEvents = 0;
-    std::unique_ptr<SocketSink> m_socketSink;
-    std::unique_ptr<TickerSink> m_tickerSink;
-    std::shared_ptr<detail::Ticker> m_ticker;
-    std::shared_ptr<detail::SocketControl> m_socket;
+    friend struct detail::ImplAccess;
+    std::unique_ptr<detail::TcpStreamImpl> m_impl;
 };
 
 }  // namespace larkpost

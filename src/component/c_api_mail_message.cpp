@@ -21,16 +21,16 @@ int32_t SetText(std::string_view function, larkpost_object* handle, const char* 
     });
 }
 
-int32_t GetText(std::string_view function, larkpost_object* handle, char** out,
-                size_t* outLength, TextGetter getter) noexcept {
+int32_t GetText(std::string_view function, larkpost_object* handle, char** out, size_t* outLength,
+                TextGetter getter) noexcept {
     return CallOn<MailMessage>(function, handle, kClass, [&](MailMessage& self) {
         RequireOutText(function, out, outLength);
         OutText(out, outLength, (self.*getter)());
     });
 }
 
-int32_t CallWithText(std::string_view function, larkpost_object* handle,
-                     std::string_view argument, const char* value, PathMethod method) noexcept {
+int32_t CallWithText(std::string_view function, larkpost_object* handle, std::string_view argument,
+                     const char* value, PathMethod method) noexcept {
     return CallOn<MailMessage>(function, handle, kClass, [&](MailMessage& self) {
         (self.*method)(InText(function, argument, value));
     });
@@ -39,22 +39,25 @@ int32_t CallWithText(std::string_view function, larkpost_object* handle,
 }  // namespace
 
 // Each text property: a setter and a getter.
-#define LARKPOST_TEXT_PROPERTY(name, Member)                                                   \
-    LARKPOST_API int32_t larkpost_mail_message_set_##name(larkpost_object* message,            \
-                                                          const char* value) {                 \
-        return SetText(__func__, message, value, &MailMessage::Member);                        \
-    }                                                                                          \
+#define LARKPOST_TEXT_PROPERTY(name, Member)                                                    \
+    LARKPOST_API int32_t larkpost_mail_message_set_##name(larkpost_object* message,             \
+                                                          const char* value) {                  \
+        return SetText(__func__, message, value, &MailMessage::Member);                         \
+    }                                                                                           \
     LARKPOST_API int32_t larkpost_mail_message_get_##name(larkpost_object* message, char** out, \
-                                                          size_t* out_length) {                \
-        return GetText(__func__, message, out, out_length, &MailMessage::Member);              \
+                                                          size_t* out_length) {                 \
+        return GetText(__func__, message, out, out_length, &MailMessage::Member);               \
     }
 
-// Each method that takes one text argument.
-#define LARKPOST_TEXT_METHOD(name, Member, argument)                                           \
-    LARKPOST_API int32_t larkpost_mail_message_##name(larkpost_object* message,                \
-                                                      const char* argument) {                  \
-        return CallWithText(__func__, message, #argument, argument, &MailMessage::Member);     \
+// Each method that takes one text argument. `argument` names a parameter, so it takes no
+// parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define LARKPOST_TEXT_METHOD(name, Member, argument)                                       \
+    LARKPOST_API int32_t larkpost_mail_message_##name(larkpost_object* message,            \
+                                                      const char* argument) {              \
+        return CallWithText(__func__, message, #argument, argument, &MailMessage::Member); \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 extern "C" {
 

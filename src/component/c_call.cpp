@@ -50,8 +50,8 @@ int32_t RecordCurrentException(std::string_view defaultSource) noexcept {
         // A number of 0 would read as success.
         int32_t number = error.Number() != 0 ? error.Number() : LARKPOST_ERROR_INTERNAL;
         try {
-            std::string source = error.Source().empty() ? std::string(defaultSource)
-                                                        : ToUtf8(error.Source());
+            std::string source =
+                error.Source().empty() ? std::string(defaultSource) : ToUtf8(error.Source());
             SetLastError(number, error.what(), source);
         } catch (...) {
             SetLastError(number, {}, {});
@@ -78,10 +78,10 @@ std::u16string InText(std::string_view function, std::string_view argument, cons
     std::u16string out;
     if (text == nullptr) return out;
     if (!TryFromUtf8(text, out)) {
-        throw RaisedError(ERROR_INVALID_ARGUMENT,
-                          Ascii(function) + u": the argument '" + Ascii(argument) +
-                              u"' is not valid UTF-8 text.",
-                          u"Larkpost");
+        throw RaisedError(
+            ERROR_INVALID_ARGUMENT,
+            Ascii(function) + u": the argument '" + Ascii(argument) + u"' is not valid UTF-8 text.",
+            u"Larkpost");
     }
     return out;
 }

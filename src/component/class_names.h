@@ -3,7 +3,6 @@
 #define LARKPOST_COMPONENT_CLASS_NAMES_H
 
 #include <array>
-#include <cstddef>
 #include <string_view>
 
 namespace larkpost::detail {
@@ -11,11 +10,6 @@ namespace larkpost::detail {
 // In the order of the alternatives of Object::Instance.
 inline constexpr std::array<std::string_view, 4> kClassNames = {
     "Larkpost.MailClient", "Larkpost.TcpStream", "Larkpost.MailMessage", "Larkpost.StringBuilder"};
-
-// The name without the library prefix, such as "MailClient".
-inline constexpr std::string_view ShortClassName(std::size_t index) {
-    return kClassNames[index].substr(sizeof("Larkpost.") - 1);
-}
 
 }  // namespace larkpost::detail
 

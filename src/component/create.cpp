@@ -55,12 +55,14 @@ std::string_view Object::ClassName() const { return detail::kClassNames[m_instan
 void Object::RaiseTypeMismatch(std::size_t wanted) const {
     std::string text = "Type mismatch: the object is a " + std::string(ClassName()) + ", not a " +
                        std::string(detail::kClassNames[wanted]) + ".";
-    throw RaisedError(ERROR_TYPE_MISMATCH, std::u16string(text.begin(), text.end()), kLibrarySource);
+    throw RaisedError(ERROR_TYPE_MISMATCH, std::u16string(text.begin(), text.end()),
+                      kLibrarySource);
 }
 
 Object CreateObject(std::string_view className) {
     for (std::size_t i = 0; i < detail::kClassNames.size(); ++i) {
-        if (EqualIgnoringAsciiCase(className, detail::kClassNames[i])) return Object(NewInstance(i));
+        if (EqualIgnoringAsciiCase(className, detail::kClassNames[i]))
+            return Object(NewInstance(i));
     }
     std::u16string checked;
     if (!TryFromUtf8(className, checked)) {

@@ -1,4 +1,6 @@
 // Table-driven Base64 (RFC 2045 alphabet, "=" padding) in lines of 76 characters joined by CR LF.
+#include "encoding/base64.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -6,7 +8,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "encoding/common.h"
 #include "platform/codepage.h"
 
 // On x86 the groups of whole lines are encoded with SSSE3 or AVX2 when the CPU has them,
@@ -34,7 +35,8 @@ constexpr std::array<uint32_t, 4096> MakePairTable() {
     for (uint32_t v = 0; v < 4096; ++v) {
         const uint32_t first = static_cast<unsigned char>(kAlphabet[v >> 6]);
         const uint32_t second = static_cast<unsigned char>(kAlphabet[v & 0x3F]);
-        pairs[v] = std::endian::native == std::endian::little ? (first | second << 16) : (first << 16 | second);
+        pairs[v] = std::endian::native == std::endian::little ? (first | second << 16)
+                                                              : (first << 16 | second);
     }
     return pairs;
 }
@@ -51,8 +53,9 @@ inline void StorePairs(char16_t* dst, uint32_t bits24) {
 // Whole groups of three bytes, two groups a step.
 char16_t* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char16_t* dst) {
     for (; groups >= 2; groups -= 2, src += 6, dst += 8) {
-        const uint64_t bits48 = uint64_t{src[0]} << 40 | uint64_t{src[1]} << 32 | uint64_t{src[2]} << 24 |
-                                uint64_t{src[3]} << 16 | uint64_t{src[4]} << 8 | src[5];
+        const uint64_t bits48 = uint64_t{src[0]} << 40 | uint64_t{src[1]} << 32 |
+                                uint64_t{src[2]} << 24 | uint64_t{src[3]} << 16 |
+                                uint64_t{src[4]} << 8 | src[5];
         StorePairs(dst, static_cast<uint32_t>(bits48 >> 24));
         StorePairs(dst + 4, static_cast<uint32_t>(bits48) & 0xFFFFFF);
     }
@@ -67,17 +70,22 @@ char16_t* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char1
 // Four groups (12 bytes) to sixteen characters: one shuffle and two multiplies split the bytes
 // into 6-bit values, range arithmetic maps them to the alphabet, and they are widened to 16 bits.
 // `spread` picks the 12 bytes out of the 16 loaded.
-__attribute__((target("ssse3"))) inline void EncodeStepSsse3(__m128i loaded, __m128i spread, char16_t* dst) {
+__attribute__((target("ssse3"))) inline void EncodeStepSsse3(__m128i loaded, __m128i spread,
+                                                             char16_t* dst) {
     const __m128i in = _mm_shuffle_epi8(loaded, spread);
-    const __m128i high = _mm_mulhi_epu16(_mm_and_si128(in, _mm_set1_epi32(0x0FC0FC00)), _mm_set1_epi32(0x04000040));
-    const __m128i low = _mm_mullo_epi16(_mm_and_si128(in, _mm_set1_epi32(0x003F03F0)), _mm_set1_epi32(0x01000010));
+    const __m128i high =
+        _mm_mulhi_epu16(_mm_and_si128(in, _mm_set1_epi32(0x0FC0FC00)), _mm_set1_epi32(0x04000040));
+    const __m128i low =
+        _mm_mullo_epi16(_mm_and_si128(in, _mm_set1_epi32(0x003F03F0)), _mm_set1_epi32(0x01000010));
     const __m128i values = _mm_or_si128(high, low);
     // 0..25 -> 13, 26..51 -> 0, 52..61 -> 1..10, 62 -> 11, 63 -> 12: the index of the offset
     // that turns the value into its character.
     __m128i range = _mm_subs_epu8(values, _mm_set1_epi8(51));
-    range = _mm_or_si128(range, _mm_and_si128(_mm_cmpgt_epi8(_mm_set1_epi8(26), values), _mm_set1_epi8(13)));
-    const __m128i offsets = _mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                          '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
+    range = _mm_or_si128(
+        range, _mm_and_si128(_mm_cmpgt_epi8(_mm_set1_epi8(26), values), _mm_set1_epi8(13)));
+    const __m128i offsets =
+        _mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+                      '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
     const __m128i ascii = _mm_add_epi8(_mm_shuffle_epi8(offsets, range), values);
     const __m128i zero = _mm_setzero_si128();
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_unpacklo_epi8(ascii, zero));
@@ -88,8 +96,8 @@ __attribute__((target("ssse3"))) inline void EncodeStepSsse3(__m128i loaded, __m
 // first 12 of its load, every later one loads 4 bytes early and uses the last 12. The groups
 // left at the end are covered by one more step that overlaps the previous one and writes the
 // same characters again.
-__attribute__((target("ssse3"))) char16_t* EncodeGroupsSsse3(const unsigned char* src, std::size_t groups,
-                                                             char16_t* dst) {
+__attribute__((target("ssse3"))) char16_t* EncodeGroupsSsse3(const unsigned char* src,
+                                                             std::size_t groups, char16_t* dst) {
     if (groups < 6) return EncodeGroupsScalar(src, groups, dst);
     const __m128i first = _mm_set_epi8(10, 11, 9, 10, 7, 8, 6, 7, 4, 5, 3, 4, 1, 2, 0, 1);
     const __m128i later = _mm_add_epi8(first, _mm_set1_epi8(4));
@@ -98,33 +106,39 @@ __attribute__((target("ssse3"))) char16_t* EncodeGroupsSsse3(const unsigned char
     };
     EncodeStepSsse3(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src)), first, dst);
     std::size_t group = 4;
-    for (; group + 4 <= groups; group += 4) EncodeStepSsse3(loadEndingAt(group), later, dst + group * 4);
+    for (; group + 4 <= groups; group += 4)
+        EncodeStepSsse3(loadEndingAt(group), later, dst + group * 4);
     if (group < groups) EncodeStepSsse3(loadEndingAt(groups - 4), later, dst + (groups - 4) * 4);
     return dst + groups * 4;
 }
 
 // The same with eight groups (24 bytes) a step, two 16-byte loads in the two lanes.
-__attribute__((target("avx2"))) inline void EncodeStepAvx2(__m256i loaded, __m256i spread, char16_t* dst) {
+__attribute__((target("avx2"))) inline void EncodeStepAvx2(__m256i loaded, __m256i spread,
+                                                           char16_t* dst) {
     const __m256i in = _mm256_shuffle_epi8(loaded, spread);
-    const __m256i high =
-        _mm256_mulhi_epu16(_mm256_and_si256(in, _mm256_set1_epi32(0x0FC0FC00)), _mm256_set1_epi32(0x04000040));
-    const __m256i low =
-        _mm256_mullo_epi16(_mm256_and_si256(in, _mm256_set1_epi32(0x003F03F0)), _mm256_set1_epi32(0x01000010));
+    const __m256i high = _mm256_mulhi_epu16(_mm256_and_si256(in, _mm256_set1_epi32(0x0FC0FC00)),
+                                            _mm256_set1_epi32(0x04000040));
+    const __m256i low = _mm256_mullo_epi16(_mm256_and_si256(in, _mm256_set1_epi32(0x003F03F0)),
+                                           _mm256_set1_epi32(0x01000010));
     const __m256i values = _mm256_or_si256(high, low);
     __m256i range = _mm256_subs_epu8(values, _mm256_set1_epi8(51));
-    range = _mm256_or_si256(range,
-                            _mm256_and_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(26), values), _mm256_set1_epi8(13)));
-    const __m256i offsets = _mm256_setr_epi8(
-        'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-        '+' - 62, '/' - 63, 'A', 0, 0, 'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-        '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
+    range = _mm256_or_si256(range, _mm256_and_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(26), values),
+                                                    _mm256_set1_epi8(13)));
+    const __m256i offsets =
+        _mm256_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+                         '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0,
+                         'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+                         '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
     const __m256i ascii = _mm256_add_epi8(_mm256_shuffle_epi8(offsets, range), values);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_cvtepu8_epi16(_mm256_castsi256_si128(ascii)));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 16), _mm256_cvtepu8_epi16(_mm256_extracti128_si256(ascii, 1)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst),
+                        _mm256_cvtepu8_epi16(_mm256_castsi256_si128(ascii)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 16),
+                        _mm256_cvtepu8_epi16(_mm256_extracti128_si256(ascii, 1)));
 }
 
-__attribute__((target("avx2"))) inline __m256i LoadLanesAvx2(const unsigned char* src, std::size_t lowAt,
-                                                              std::size_t highAt) {
+__attribute__((target("avx2"))) inline __m256i LoadLanesAvx2(const unsigned char* src,
+                                                             std::size_t lowAt,
+                                                             std::size_t highAt) {
     const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + lowAt));
     const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + highAt));
     return _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
@@ -132,8 +146,8 @@ __attribute__((target("avx2"))) inline __m256i LoadLanesAvx2(const unsigned char
 
 // Loads as in the SSSE3 version: each lane reads the 16 bytes that end with its 12, except the
 // lower lane of the first step, which reads the 16 that start with them.
-__attribute__((target("avx2"))) char16_t* EncodeGroupsAvx2(const unsigned char* src, std::size_t groups,
-                                                           char16_t* dst) {
+__attribute__((target("avx2"))) char16_t* EncodeGroupsAvx2(const unsigned char* src,
+                                                           std::size_t groups, char16_t* dst) {
     if (groups < 10) return EncodeGroupsSsse3(src, groups, dst);
     const __m128i first = _mm_set_epi8(10, 11, 9, 10, 7, 8, 6, 7, 4, 5, 3, 4, 1, 2, 0, 1);
     const __m128i later = _mm_add_epi8(first, _mm_set1_epi8(4));
@@ -142,10 +156,12 @@ __attribute__((target("avx2"))) char16_t* EncodeGroupsAvx2(const unsigned char* 
     EncodeStepAvx2(LoadLanesAvx2(src, 0, 8), spreadFirst, dst);
     std::size_t group = 8;
     for (; group + 8 <= groups; group += 8)
-        EncodeStepAvx2(LoadLanesAvx2(src, group * 3 - 4, group * 3 + 8), spreadLater, dst + group * 4);
+        EncodeStepAvx2(LoadLanesAvx2(src, group * 3 - 4, group * 3 + 8), spreadLater,
+                       dst + group * 4);
     if (group < groups) {
         group = groups - 8;
-        EncodeStepAvx2(LoadLanesAvx2(src, group * 3 - 4, group * 3 + 8), spreadLater, dst + group * 4);
+        EncodeStepAvx2(LoadLanesAvx2(src, group * 3 - 4, group * 3 + 8), spreadLater,
+                       dst + group * 4);
     }
     return dst + groups * 4;
 }
@@ -157,7 +173,8 @@ GroupEncoder KernelByName(std::string_view name) {
 #if LARKPOST_BASE64_X86
     __builtin_cpu_init();  // harmless if done already; needed before libgcc's constructor has run
     if ((name.empty() || name == "avx2") && __builtin_cpu_supports("avx2")) return EncodeGroupsAvx2;
-    if ((name.empty() || name == "ssse3") && __builtin_cpu_supports("ssse3")) return EncodeGroupsSsse3;
+    if ((name.empty() || name == "ssse3") && __builtin_cpu_supports("ssse3"))
+        return EncodeGroupsSsse3;
 #endif
     return name.empty() || name == "scalar" ? EncodeGroupsScalar : nullptr;
 }
@@ -210,7 +227,8 @@ void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out) {
         for (std::size_t line = 0; line < kChunkLines && remaining != 0; ++line) {
             const std::size_t take = std::min(remaining, kLineBytes);
             dst = encodeGroups(src, take / 3, dst);
-            if (take % 3 != 0) dst = EncodeTail(src + take / 3 * 3, take % 3, dst);  // last line only
+            if (take % 3 != 0)
+                dst = EncodeTail(src + take / 3 * 3, take % 3, dst);  // last line only
             src += take;
             remaining -= take;
             if (remaining != 0) {  // no line end after the last line

@@ -1,11 +1,12 @@
 // Boundary strings of the MIME entities: a fixed prefix, a per-thread sequence number and the
 // time of day. The number alone keeps the two boundaries of one message apart.
+#include "encoding/boundary.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <string>
 
-#include "encoding/common.h"
 #include "platform/clock.h"
 
 namespace larkpost::detail {
@@ -17,7 +18,9 @@ constexpr int16_t kCounterLimit = 32767;
 // The number the next boundary of this thread uses, before the wrap rule.
 thread_local int16_t t_boundaryCounter = 0;
 
-void AppendAscii(std::u16string& out, std::string_view ascii) { out.append(ascii.begin(), ascii.end()); }
+void AppendAscii(std::u16string& out, std::string_view ascii) {
+    out.append(ascii.begin(), ascii.end());
+}
 
 // The value rounded to seven significant digits in plain positional notation: no exponent, no
 // trailing zeros, no point when nothing follows it, "0." before a value below 1. The point is
@@ -26,8 +29,8 @@ std::string SevenDigitText(float value) {
     if (!std::isfinite(value)) value = 0;  // the timer never gives these; keep the text digits only
     char scientific[32];
     // "d.dddddde+XX": exactly seven significant digits, correctly rounded.
-    const auto [end, ec] =
-        std::to_chars(scientific, scientific + sizeof scientific, double{value}, std::chars_format::scientific, 6);
+    const auto [end, ec] = std::to_chars(scientific, scientific + sizeof scientific, double{value},
+                                         std::chars_format::scientific, 6);
     std::string_view text(scientific, ec == std::errc{} ? end - scientific : 0);
 
     std::string result;
@@ -40,7 +43,8 @@ std::string SevenDigitText(float value) {
     digits += text[0];
     digits.append(text.substr(2, e - 2));
     int exponent = 0;
-    std::from_chars(text.data() + e + 1 + (text[e + 1] == '+'), text.data() + text.size(), exponent);
+    std::from_chars(text.data() + e + 1 + (text[e + 1] == '+'), text.data() + text.size(),
+                    exponent);
 
     while (digits.size() > 1 && digits.back() == '0') digits.pop_back();
     if (digits == "0") return "0";

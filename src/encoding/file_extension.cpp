@@ -1,4 +1,4 @@
-#include "encoding/common.h"
+#include "encoding/file_extension.h"
 
 namespace larkpost::detail {
 

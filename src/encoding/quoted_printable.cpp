@@ -1,10 +1,11 @@
 // Quoted-printable for the message bodies. Far more is encoded than RFC 2045 requires: only
 // 33-45, 47-60 and 62-126 stay literal, so line ends, spaces and "." never appear as such and
 // the only physical line breaks are the encoder's own soft breaks.
+#include "encoding/quoted_printable.h"
+
 #include <array>
 #include <string>
 
-#include "encoding/common.h"
 #include "encoding/uninitialized_append.h"
 #include "platform/codepage.h"
 
@@ -66,7 +67,8 @@ void QuotedPrintableEncodeTo(std::u16string_view text, std::u16string& out) {
 
     std::size_t length = 0;
     WalkPieces(
-        codes, [&] { length += std::size(kSoftBreak); }, [&](const Piece& piece) { length += piece.length; });
+        codes, [&] { length += std::size(kSoftBreak); },
+        [&](const Piece& piece) { length += piece.length; });
 
     char16_t* dst = AppendUninitialized(out, length);
     WalkPieces(

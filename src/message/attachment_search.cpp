@@ -1,21 +1,12 @@
 #include "message/attachment_search.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
-#include <memory>
 #include <string>
 
 #include "larkpost/text.h"
-#include "message/file_io.h"
+#include "platform/files.h"
 
 namespace larkpost::detail {
 namespace {
-
-bool IsPlainFile(const std::string& nativePath) {
-    struct stat info;  // stat, not lstat: a link to a regular file counts
-    return ::stat(nativePath.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
 
 // Code units of the character at n: a surrogate pair is one character.
 std::size_t CharLength(std::u16string_view text, std::size_t n) {
@@ -28,21 +19,14 @@ bool HasWildcard(std::u16string_view element) {
     return element.find_first_of(u"*?") != std::u16string_view::npos;
 }
 
-struct DirCloser {
-    void operator()(DIR* dir) const { ::closedir(dir); }
-};
-
 bool AnyPlainFileMatches(const std::string& directory, std::u16string_view pattern) {
-    std::unique_ptr<DIR, DirCloser> dir(::opendir(directory.c_str()));
-    if (!dir) return false;
+    const std::string prefix = directory == "/" ? "/" : directory + "/";
     std::u16string name;
-    while (const dirent* entry = ::readdir(dir.get())) {
+    return AnyDirectoryEntry(directory, [&](std::string_view entry) {
         // A name that is not UTF-8 cannot be written by the host, so it never matches.
-        if (!TryFromUtf8(entry->d_name, name) || !WildcardMatches(pattern, name)) continue;
-        std::string entryPath = directory == "/" ? "/" : directory + "/";
-        if (IsPlainFile(entryPath + entry->d_name)) return true;
-    }
-    return false;
+        return TryFromUtf8(entry, name) && WildcardMatches(pattern, name) &&
+               IsPlainFile(prefix + std::string(entry));
+    });
 }
 
 }  // namespace
@@ -76,16 +60,20 @@ bool WildcardMatches(std::u16string_view pattern, std::u16string_view name) {
 
 bool PlainFileExists(std::u16string_view path) {
     auto slash = path.rfind(u'/');
-    std::u16string_view element = slash == std::u16string_view::npos ? path : path.substr(slash + 1);
+    std::u16string_view element =
+        slash == std::u16string_view::npos ? path : path.substr(slash + 1);
     if (element.empty()) return false;
     if (!HasWildcard(element)) {
         auto native = NativePath(path);
         return native && IsPlainFile(*native);
     }
     std::optional<std::string> directory;
-    if (slash == std::u16string_view::npos) directory = ".";
-    else if (slash == 0) directory = "/";
-    else directory = NativePath(path.substr(0, slash));
+    if (slash == std::u16string_view::npos)
+        directory = ".";
+    else if (slash == 0)
+        directory = "/";
+    else
+        directory = NativePath(path.substr(0, slash));
     return directory && AnyPlainFileMatches(*directory, element);
 }
 

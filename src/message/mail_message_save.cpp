@@ -5,10 +5,11 @@
 #include "larkpost/error.h"
 #include "larkpost/mail_message.h"
 #include "larkpost/text.h"
-#include "message/file_io.h"
+#include "message/mail_message_impl.h"
 #include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
+#include "platform/files.h"
 
 namespace larkpost {
 
@@ -17,14 +18,13 @@ namespace {
 // Characters converted and written at a time, so the bytes of a large text never exist whole.
 constexpr std::size_t kWriteChunk = 64 * 1024;
 
-void WriteText(const detail::FileHandle& file, std::u16string_view text,
-               const std::string& nativePath) {
+void WriteText(detail::PlatformFile& file, std::u16string_view text) {
     std::string bytes;
     bytes.reserve(std::min(text.size(), kWriteChunk));
     for (std::size_t at = 0; at < text.size(); at += kWriteChunk) {
         bytes.clear();
         detail::AppendAnsi(bytes, text.substr(at, kWriteChunk));
-        detail::WriteAll(file, bytes, nativePath);
+        file.WriteAll(bytes);
     }
 }
 
@@ -36,14 +36,16 @@ void MailMessage::SaveToFile(const std::u16string& FileSpec) {
         if (!nativePath)
             detail::RaiseFileError(detail::ERROR_BAD_FILE_NAME, detail::kSourceMailMessage);
         // Opened before the build and not truncated, so a failed build leaves the file as it was.
-        detail::FileHandle file = detail::OpenFileForWriting(*nativePath);
-        const std::u16string& text = BuildMessage();
-        WriteText(file, text, *nativePath);
+        auto file = detail::PlatformFile::OpenForWriting(std::move(*nativePath),
+                                                         detail::kSourceMailMessage);
+        const std::u16string& text = m_impl->BuildMessage();
+        WriteText(file, text);
         // Whatever an older, longer content left behind the new text goes.
-        detail::TruncateRegularFile(file, text.size(), *nativePath);
-        detail::CloseFile(file, *nativePath);
+        file.TruncateIfRegular(text.size());
+        file.Close();
     } catch (const RaisedError& failure) {
-        detail::Raise(failure.Number(), u"Error in MailMessage.SaveToFile: " + failure.Description(),
+        detail::Raise(failure.Number(),
+                      u"Error in MailMessage.SaveToFile: " + failure.Description(),
                       failure.Source());
     }
 }

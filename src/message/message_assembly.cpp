@@ -4,11 +4,14 @@
 #include <new>
 #include <stdexcept>
 
-#include "encoding/common.h"
+#include "encoding/base64.h"
+#include "encoding/boundary.h"
+#include "encoding/file_extension.h"
+#include "encoding/quoted_printable.h"
 #include "larkpost/error.h"
-#include "message/file_io.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
+#include "platform/files.h"
 
 namespace larkpost::detail {
 namespace {
@@ -105,10 +108,10 @@ void AttachmentStep(const std::u16string* path, Step&& step) {
     }
 }
 
-std::string NativePathOrRaise(const std::u16string& path) {
+PlatformFile OpenForReading(const std::u16string& path) {
     auto native = NativePath(path);
     if (!native) RaiseFileError(ERROR_BAD_FILE_NAME, kSourceMailMessage);
-    return *native;
+    return PlatformFile::OpenForReading(std::move(*native), kSourceMailMessage);
 }
 
 }  // namespace
@@ -145,10 +148,10 @@ MessageAssembly::MessageAssembly(const MessageFields& fields) : m_fields(fields)
     if (!fields.bodyHTML.empty()) QuotedPrintableEncodeTo(fields.bodyHTML, m_encodedBodyHTML);
     for (const auto& path : fields.attachments) {
         AttachmentStep(&path, [&] {
-            std::string native = NativePathOrRaise(path);
-            OpenedFile file = OpenFileForReading(native);
+            const PlatformFile file = OpenForReading(path);
             // An empty file gets no part at all.
-            if (file.size > 0) m_attachments.push_back({&path, LastPathElement(path), file.size});
+            if (file.Size() > 0)
+                m_attachments.push_back({&path, LastPathElement(path), file.Size()});
         });
     }
 }
@@ -229,20 +232,20 @@ void MessageAssembly::WriteTo(std::u16string& out) const {
     std::string piece;
     for (const auto& attachment : m_attachments) {
         AttachmentStep(attachment.path, [&] {
-            std::string native = NativePathOrRaise(*attachment.path);
-            OpenedFile file = OpenFileForReading(native);
-            if (file.size == 0) return;
-            WriteAttachmentHead(sink, m_mixedBoundary, attachment.name,
-                                Base64EncodedLength(file.size));
+            PlatformFile file = OpenForReading(*attachment.path);
+            const std::uint64_t size = file.Size();
+            if (size == 0) return;
+            WriteAttachmentHead(sink, m_mixedBoundary, attachment.name, Base64EncodedLength(size));
             if (piece.empty()) piece.resize(kPieceBytes);
-            for (std::uint64_t left = file.size; left != 0;) {
-                const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
-                const std::size_t got = ReadInto(file, piece.data(), want, native);
+            for (std::uint64_t left = size; left != 0;) {
+                const auto want =
+                    static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
+                const std::size_t got = file.Read(piece.data(), want);
                 // A file that shrank since it was measured reads as zeros to its measured size,
                 // so the part stays as long as its Content-Length says.
                 std::fill(piece.begin() + static_cast<std::ptrdiff_t>(got),
                           piece.begin() + static_cast<std::ptrdiff_t>(want), '\0');
-                if (left != file.size) sink(u"\r\n");
+                if (left != size) sink(u"\r\n");
                 Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
                 left -= want;
             }

@@ -1,5 +1,3 @@
-#include "larkpost/tcp_stream.h"
-
 #include <algorithm>
 #include <exception>
 #include <string>
@@ -8,24 +6,14 @@
 #include "larkpost/error.h"
 #include "larkpost/text.h"
 #include "net/stream_state.h"
+#include "net/tcp_stream_impl.h"
 #include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/host_kit.h"
+#include "platform/impl_access.h"
 #include "platform/memory.h"
-#include "platform/socket_control.h"
-#include "platform/ticker.h"
 
-namespace larkpost {
-
-using detail::HostKitGlobal;
-using detail::kSourceTcpStream;
-using detail::Raise;
-using detail::STATE_CONNECTED;
-using detail::STATE_DATA_ARRIVED;
-using detail::STATE_DISCONNECTED;
-using detail::STATE_ERROR;
-using detail::STATE_SEND_COMPLETE;
-using detail::STATE_WAITING_FOR_DATA;
+namespace larkpost::detail {
 
 namespace {
 
@@ -74,34 +62,34 @@ std::u16string ConnectionFailure(const std::u16string& host, int32_t port,
 
 }  // namespace
 
-struct TcpStream::SocketSink final : detail::SocketControlEvents {
-    explicit SocketSink(TcpStream& owner) : stream(owner) {}
+struct TcpStreamImpl::SocketSink final : SocketControlEvents {
+    explicit SocketSink(TcpStreamImpl& owner) : stream(owner) {}
     void Close() override { stream.m_socket_Close(); }
     void Connect() override { stream.m_socket_Connect(); }
     void DataArrival(int32_t bytesTotal) override { stream.m_socket_DataArrival(bytesTotal); }
-    void Error(int16_t Number, std::u16string& Description, int32_t Scode,
-               const std::u16string& Source, const std::u16string& HelpFile, int32_t HelpContext,
-               bool& CancelDisplay) override {
-        stream.m_socket_Error(Number, Description, Scode, Source, HelpFile, HelpContext,
-                              CancelDisplay);
+    void Error(int16_t Number, std::u16string& Description, int32_t /*Scode*/,
+               const std::u16string& /*Source*/, const std::u16string& /*HelpFile*/,
+               int32_t /*HelpContext*/, bool& /*CancelDisplay*/) override {
+        stream.m_socket_Error(Number, Description);
     }
     void SendComplete() override { stream.m_socket_SendComplete(); }
 
-    TcpStream& stream;
+    TcpStreamImpl& stream;
 };
 
-struct TcpStream::TickerSink final : detail::TickerEvents {
-    explicit TickerSink(TcpStream& owner) : stream(owner) {}
+struct TcpStreamImpl::TickerSink final : TickerEvents {
+    explicit TickerSink(TcpStreamImpl& owner) : stream(owner) {}
     void Elapsed() override { stream.m_ticker_Elapsed(); }
 
-    TcpStream& stream;
+    TcpStreamImpl& stream;
 };
 
-TcpStream::TcpStream()
-    : m_socketSink(std::make_unique<SocketSink>(*this)),
+TcpStreamImpl::TcpStreamImpl(TcpStream& owner)
+    : m_owner(owner),
+      m_socketSink(std::make_unique<SocketSink>(*this)),
       m_tickerSink(std::make_unique<TickerSink>(*this)) {}
 
-TcpStream::~TcpStream() {
+TcpStreamImpl::~TcpStreamImpl() {
     ReleaseSocket();
     if (m_ticker) {
         try {
@@ -115,11 +103,7 @@ TcpStream::~TcpStream() {
 
 // ---- Connection control ----
 
-void TcpStream::Connect(std::string_view HostnameOrIP, const int32_t& Port) {
-    Connect(FromUtf8(HostnameOrIP), Port);
-}
-
-void TcpStream::Connect(const std::u16string& HostnameOrIP, const int32_t& Port) {
+void TcpStreamImpl::Connect(const std::u16string& HostnameOrIP, int32_t Port) {
     bool cameUp = false;
     try {
         ResetSocket();
@@ -134,31 +118,31 @@ void TcpStream::Connect(const std::u16string& HostnameOrIP, const int32_t& Port)
               kSourceTcpStream);
     }
     // A failure the control reported by event reaches the caller in the control's own words.
-    if (HasRecordedError()) RaiseRecordedError();
+    if (m_errorPending) RaiseRecordedError();
     if (!cameUp) {
         Raise(ERROR_CONNECTION_FAILED,
               ConnectionFailure(HostnameOrIP, Port, kClosedBeforeConnected), kSourceTcpStream);
     }
 }
 
-void TcpStream::Disconnect() {
-    if (m_socket && m_socket->State() == detail::sckConnected) m_socket->Close();
+void TcpStreamImpl::Disconnect() {
+    if (m_socket && m_socket->State() == sckConnected) m_socket->Close();
     SetState(STATE_DISCONNECTED);
 }
 
-bool TcpStream::Connected() {
-    if (m_socket && m_socket->State() != detail::sckConnected) SetState(STATE_DISCONNECTED);
-    return GetState() != STATE_DISCONNECTED;
+bool TcpStreamImpl::Connected() {
+    if (m_socket && m_socket->State() != sckConnected) SetState(STATE_DISCONNECTED);
+    return m_state != STATE_DISCONNECTED;
 }
 
-std::u16string TcpStream::LocalHostName() {
+std::u16string TcpStreamImpl::LocalHostName() {
     if (!m_socket) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     return m_socket->LocalHostName();
 }
 
-void TcpStream::ResetSocket() {
+void TcpStreamImpl::ResetSocket() {
     ReleaseSocket();
-    ResponseTimeout = kTimeoutAfterConnect;
+    m_owner.ResponseTimeout = kTimeoutAfterConnect;
 
     auto socket = HostKitGlobal().Services().CreateSocketControl();
     if (!socket)
@@ -166,7 +150,7 @@ void TcpStream::ResetSocket() {
     socket->SetEvents(m_socketSink.get());
     m_socket = std::move(socket);
 
-    auto ticker = std::make_shared<detail::Ticker>();
+    auto ticker = std::make_shared<Ticker>();
     ticker->SetEvents(m_tickerSink.get());
     if (m_ticker) m_ticker->SetEvents(nullptr);
     m_ticker = std::move(ticker);
@@ -174,8 +158,8 @@ void TcpStream::ResetSocket() {
     m_socket->Protocol(0);
 }
 
-void TcpStream::ReleaseSocket() noexcept {
-    if (GetState() != STATE_DISCONNECTED) {
+void TcpStreamImpl::ReleaseSocket() noexcept {
+    if (m_state != STATE_DISCONNECTED) {
         try {
             Disconnect();
         } catch (...) {
@@ -193,7 +177,7 @@ void TcpStream::ReleaseSocket() noexcept {
     }
 }
 
-void TcpStream::DiscardLeftovers() {
+void TcpStreamImpl::DiscardLeftovers() {
     m_sendBuffer.clear();
     if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
     m_receiveBuffer.clear();
@@ -204,53 +188,36 @@ void TcpStream::DiscardLeftovers() {
 
 // ---- State, recorded error and waits ----
 
-void TcpStream::SetState(int32_t state) {
-    m_state = state;
-}
-
-int32_t TcpStream::GetState() const {
-    return m_state;
-}
-
-void TcpStream::RecordError(int32_t number, std::u16string description) {
+void TcpStreamImpl::RecordError(int32_t number, std::u16string description) {
     m_errorNumber = number;
     m_errorDescription = std::move(description);
     m_errorPending = true;
     SetState(STATE_ERROR);
 }
 
-bool TcpStream::HasRecordedError() const {
-    return m_errorPending;
-}
-
-void TcpStream::RaiseRecordedError() {
+void TcpStreamImpl::RaiseRecordedError() {
     m_errorPending = false;
     Raise(m_errorNumber, m_errorDescription, kSourceTcpStream);
 }
 
-bool TcpStream::WaitForState(int32_t state) {
+bool TcpStreamImpl::WaitForState(int32_t state) {
     return PumpUntil([&] { return m_state == state || m_state == STATE_ERROR; });
 }
 
-bool TcpStream::IsInList(int32_t value, std::initializer_list<int32_t> list) {
-    for (int32_t element : list)
-        if (element == value) return true;
-    return false;
-}
-
-bool TcpStream::WaitForAnyState(std::initializer_list<int32_t> states) {
+bool TcpStreamImpl::WaitForAnyState(std::initializer_list<int32_t> states) {
     const uint64_t connects = m_connectEvents;
     const uint64_t closes = m_closeEvents;
     // A Connect event counts even when a Close of the same pump has overwritten it: the peer
     // accepted and hung up at once, and what it said before is still readable.
     auto settled = [&] {
-        return IsInList(m_state, states) || m_state == STATE_ERROR || m_connectEvents != connects;
+        return std::find(states.begin(), states.end(), m_state) != states.end() ||
+               m_state == STATE_ERROR || m_connectEvents != connects;
     };
     PumpUntil([&] { return settled() || m_closeEvents != closes; });
     return settled();
 }
 
-bool TcpStream::WaitForSendComplete() {
+bool TcpStreamImpl::WaitForSendComplete() {
     const uint64_t completions = m_sendCompleteEvents;
     const uint64_t closes = m_closeEvents;
     // A SendComplete counts even when a DataArrival or Close of the same pump overwrote it.
@@ -264,19 +231,19 @@ bool TcpStream::WaitForSendComplete() {
 
 // ---- Event handlers ----
 
-void TcpStream::m_socket_Connect() {
+void TcpStreamImpl::m_socket_Connect() {
     ++m_connectEvents;
     SetState(STATE_CONNECTED);
 }
 
-void TcpStream::m_socket_Close() {
+void TcpStreamImpl::m_socket_Close() {
     ++m_closeEvents;
     SetState(STATE_DISCONNECTED);
 }
 
-void TcpStream::m_socket_DataArrival(int32_t bytesTotal) {
+void TcpStreamImpl::m_socket_DataArrival(int32_t bytesTotal) {
     SetState(STATE_DATA_ARRIVED);
-    m_socket->GetData(m_arrival, detail::vbString, bytesTotal);
+    m_socket->GetData(m_arrival, vbString, bytesTotal);
     // Drop the read front once it is at least half of the buffer: each character is then
     // moved a bounded number of times.
     if (m_receiveOffset > 0 && m_receiveOffset * 2 >= m_receiveBuffer.size()) {
@@ -288,66 +255,52 @@ void TcpStream::m_socket_DataArrival(int32_t bytesTotal) {
     m_lastArrivalBytes = bytesTotal;
 }
 
-void TcpStream::m_socket_SendComplete() {
+void TcpStreamImpl::m_socket_SendComplete() {
     ++m_sendCompleteEvents;
     SetState(STATE_SEND_COMPLETE);
 }
 
-void TcpStream::m_socket_Error(int16_t Number, std::u16string& Description, int32_t /*Scode*/,
-                               const std::u16string& /*Source*/, const std::u16string& /*HelpFile*/,
-                               int32_t /*HelpContext*/, bool& /*CancelDisplay*/) {
+void TcpStreamImpl::m_socket_Error(int16_t Number, std::u16string& Description) {
     RecordError(static_cast<int32_t>(Number), Description);
 }
 
-void TcpStream::m_ticker_Elapsed() {
+void TcpStreamImpl::m_ticker_Elapsed() {
     // Counts down to 0 and fails at the tick after; a negative count fails at once, like 0.
     if (m_ticksLeft > 0) {
         --m_ticksLeft;
         return;
     }
     m_ticker->Enabled(false);
-    m_ticksLeft = ResponseTimeout;
+    m_ticksLeft = m_owner.ResponseTimeout;
     RecordError(ERROR_RESPONSE_TIMEOUT, kNoResponse);
 }
 
 // ---- Writing ----
 
-void TcpStream::Send(std::u16string_view Data) {
+void TcpStreamImpl::Send(std::u16string_view Data) {
     const std::size_t needed = m_sendBuffer.size() + Data.size();
     if (needed > m_sendBuffer.capacity()) {
         // Geometric growth keeps appends amortised O(1); a large buffer asks for huge pages so
         // that filling fresh memory does not cost a page fault every 4 KiB.
         m_sendBuffer.reserve(std::max(needed, 2 * m_sendBuffer.capacity()));
-        detail::AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
+        AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
     }
-    detail::AppendAnsi(m_sendBuffer, Data);
+    AppendAnsi(m_sendBuffer, Data);
 }
 
-void TcpStream::Send(std::string_view Data) {
-    Send(FromUtf8(Data));
-}
-
-void TcpStream::SendLine(std::u16string_view Data) {
+void TcpStreamImpl::SendLine(std::u16string_view Data) {
     Send(Data);
     m_sendBuffer += "\r\n";
 }
 
-void TcpStream::SendLine(std::string_view Data) {
-    SendLine(FromUtf8(Data));
-}
-
-bool TcpStream::HasPendingSend() const {
-    return !m_sendBuffer.empty();
-}
-
-void TcpStream::Flush() {
-    if (!HasPendingSend()) return;
+void TcpStreamImpl::Flush() {
+    if (!!m_sendBuffer.empty()) return;
     m_lastArrivalBytes = 0;
-    if (!m_socket || m_socket->State() != detail::sckConnected)
+    if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     m_socket->SendData(m_sendBuffer);
     const bool sent = WaitForSendComplete();
-    if (HasRecordedError()) RaiseRecordedError();
+    if (m_errorPending) RaiseRecordedError();
     // The connection closed before the control said the text had gone: keep it for a retry.
     if (!sent) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     m_sendBuffer.clear();
@@ -356,11 +309,11 @@ void TcpStream::Flush() {
 
 // ---- Reading ----
 
-std::u16string_view TcpStream::Unread() const {
+std::u16string_view TcpStreamImpl::Unread() const {
     return std::u16string_view(m_receiveBuffer).substr(m_receiveOffset);
 }
 
-void TcpStream::Consume(std::size_t count) {
+void TcpStreamImpl::Consume(std::size_t count) {
     m_receiveOffset += count;
     if (m_receiveOffset >= m_receiveBuffer.size()) {
         m_receiveBuffer.clear();
@@ -368,14 +321,14 @@ void TcpStream::Consume(std::size_t count) {
     }
 }
 
-void TcpStream::AwaitUnread(std::size_t seen) {
-    if (HasPendingSend()) Flush();
+void TcpStreamImpl::AwaitUnread(std::size_t seen) {
+    if (!m_sendBuffer.empty()) Flush();
     bool stuck = false;
     if (Unread().size() <= seen) {
         // Before the first Connect there is no control that could ever deliver anything.
         if (!m_socket || !m_ticker) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
-        std::shared_ptr<detail::Ticker> ticker = m_ticker;
-        m_ticksLeft = ResponseTimeout;
+        std::shared_ptr<Ticker> ticker = m_ticker;
+        m_ticksLeft = m_owner.ResponseTimeout;
         ticker->Interval(kTickMilliseconds);
         ticker->Enabled(true);
         SetState(STATE_WAITING_FOR_DATA);
@@ -387,23 +340,23 @@ void TcpStream::AwaitUnread(std::size_t seen) {
         }
         ticker->Enabled(false);
     }
-    if (HasRecordedError()) RaiseRecordedError();
+    if (m_errorPending) RaiseRecordedError();
     if (stuck) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
 }
 
-std::u16string TcpStream::Peek(int32_t NumChars) {
+std::u16string TcpStreamImpl::Peek(int32_t NumChars) {
     AwaitUnread(0);
-    if (NumChars < 0) detail::RaiseRuntime(ERROR_INVALID_ARGUMENT, kSourceTcpStream);
+    if (NumChars < 0) RaiseRuntime(ERROR_INVALID_ARGUMENT, kSourceTcpStream);
     return std::u16string(Unread().substr(0, static_cast<std::size_t>(NumChars)));
 }
 
-std::u16string TcpStream::Read(int32_t NumChars) {
+std::u16string TcpStreamImpl::Read(int32_t NumChars) {
     std::u16string result = Peek(NumChars);
     Consume(result.size());
     return result;
 }
 
-std::u16string TcpStream::ReadLine() {
+std::u16string TcpStreamImpl::ReadLine() {
     // The characters of the line stay in the receive buffer, counted by `taken`, until the CR LF
     // has come; then the line leaves the buffer in one piece. A failure on the way drops what
     // was taken, as a read character by character would have.
@@ -427,7 +380,7 @@ std::u16string TcpStream::ReadLine() {
     }
 }
 
-std::u16string TcpStream::TakeLine(std::size_t length) {
+std::u16string TcpStreamImpl::TakeLine(std::size_t length) {
     std::u16string line;
     if (m_receiveOffset == 0 && length == m_receiveBuffer.size()) {
         // The line is all the buffer holds (a long line usually is): hand the buffer over.
@@ -441,17 +394,49 @@ std::u16string TcpStream::TakeLine(std::size_t length) {
     return line;
 }
 
-bool TcpStream::AtEndOfStream() {
-    if (HasPendingSend()) Flush();
+bool TcpStreamImpl::AtEndOfStream() {
+    if (!m_sendBuffer.empty()) Flush();
     const bool atEnd = Unread().empty() && m_lastArrivalBytes > 0;
     SetState(STATE_CONNECTED);
     return atEnd;
 }
 
-std::u16string TcpStream::ReadToEnd() {
+std::u16string TcpStreamImpl::ReadToEnd() {
     std::u16string result;
     while (!AtEndOfStream()) result += ReadLine();
     return result;
 }
+
+void TcpStreamImpl::ReserveSend(std::size_t count) {
+    m_sendBuffer.reserve(m_sendBuffer.size() + count);
+    AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
+}
+
+}  // namespace larkpost::detail
+
+namespace larkpost {
+
+TcpStream::TcpStream() : m_impl(std::make_unique<detail::TcpStreamImpl>(*this)) {}
+TcpStream::~TcpStream() = default;
+
+void TcpStream::Connect(const std::u16string& HostnameOrIP, const int32_t& Port) {
+    m_impl->Connect(HostnameOrIP, Port);
+}
+void TcpStream::Connect(std::string_view HostnameOrIP, const int32_t& Port) {
+    m_impl->Connect(FromUtf8(HostnameOrIP), Port);
+}
+void TcpStream::Disconnect() { m_impl->Disconnect(); }
+void TcpStream::Send(std::u16string_view Data) { m_impl->Send(Data); }
+void TcpStream::Send(std::string_view Data) { m_impl->Send(FromUtf8(Data)); }
+void TcpStream::SendLine(std::u16string_view Data) { m_impl->SendLine(Data); }
+void TcpStream::SendLine(std::string_view Data) { m_impl->SendLine(FromUtf8(Data)); }
+void TcpStream::Flush() { m_impl->Flush(); }
+bool TcpStream::AtEndOfStream() { return m_impl->AtEndOfStream(); }
+std::u16string TcpStream::Read(int32_t NumChars) { return m_impl->Read(NumChars); }
+std::u16string TcpStream::Peek(int32_t NumChars) { return m_impl->Peek(NumChars); }
+std::u16string TcpStream::ReadLine() { return m_impl->ReadLine(); }
+std::u16string TcpStream::ReadToEnd() { return m_impl->ReadToEnd(); }
+bool TcpStream::Connected() { return m_impl->Connected(); }
+std::u16string TcpStream::LocalHostName() { return m_impl->LocalHostName(); }
 
 }  // namespace larkpost

@@ -8,11 +8,6 @@
 
 namespace larkpost::detail {
 
-// The byte of one character ("?" when the page lacks it).
-unsigned char AnsiByte(char16_t c);
-// The character of one byte.
-char16_t AnsiChar(unsigned char b);
-
 std::string ToAnsi(std::u16string_view text);
 void AppendAnsi(std::string& out, std::u16string_view text);
 std::u16string FromAnsi(std::string_view bytes);

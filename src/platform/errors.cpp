@@ -19,7 +19,8 @@ std::u16string RuntimeDescription(int32_t number) {
         case ERROR_INVALID_ARGUMENT: return u"Invalid procedure call or argument";
         case ERROR_OVERFLOW: return u"Overflow";
         case ERROR_TYPE_MISMATCH: return u"Type mismatch";
-        case ERROR_KEY_IN_USE: return u"This key is already associated with an element of this collection";
+        case ERROR_KEY_IN_USE:
+            return u"This key is already associated with an element of this collection";
         default: return u"Application-defined or object-defined error";
     }
 }

@@ -13,7 +13,6 @@ namespace larkpost::detail {
 inline constexpr char16_t kSourceMailClient[] = u"Larkpost.MailClient";
 inline constexpr char16_t kSourceTcpStream[] = u"Larkpost.TcpStream";
 inline constexpr char16_t kSourceMailMessage[] = u"Larkpost.MailMessage";
-inline constexpr char16_t kSourceStringBuilder[] = u"Larkpost.StringBuilder";
 
 // The standard description of a general runtime failure (5, 6, 13, 457).
 std::u16string RuntimeDescription(int32_t number);

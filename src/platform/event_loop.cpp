@@ -1,10 +1,11 @@
 #include "platform/event_loop.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <poll.h>
 #include <signal.h>
 #include <time.h>
+
+#include <algorithm>
+#include <cerrno>
 
 namespace larkpost::detail {
 
@@ -42,7 +43,9 @@ EventLoop& EventLoop::Current() {
     return loop;
 }
 
-void EventLoop::Watch(std::weak_ptr<IoWatcher> watcher) { Register(m_ioWatchers, std::move(watcher)); }
+void EventLoop::Watch(std::weak_ptr<IoWatcher> watcher) {
+    Register(m_ioWatchers, std::move(watcher));
+}
 
 void EventLoop::Watch(std::weak_ptr<TimerWatcher> watcher) {
     Register(m_timerWatchers, std::move(watcher));
@@ -69,7 +72,8 @@ bool EventLoop::WaitAndPump() {
         auto deadline = NextDeadline();
         if (!deadline && !AnyIoInterest()) return false;
         std::optional<MonotonicClock::duration> limit;
-        if (deadline) limit = std::max(*deadline - MonotonicClock::now(), MonotonicClock::duration::zero());
+        if (deadline)
+            limit = std::max(*deadline - MonotonicClock::now(), MonotonicClock::duration::zero());
         Collect(limit);
         if (!m_queue.empty()) {
             Deliver();

@@ -13,9 +13,12 @@ namespace {
 bool DirectoryOfPathExists(std::string_view nativePath) {
     auto slash = nativePath.rfind('/');
     std::string directory;
-    if (slash == std::string_view::npos) directory = ".";
-    else if (slash == 0) directory = "/";
-    else directory = std::string(nativePath.substr(0, slash));
+    if (slash == std::string_view::npos)
+        directory = ".";
+    else if (slash == 0)
+        directory = "/";
+    else
+        directory = std::string(nativePath.substr(0, slash));
     struct stat info;
     return ::stat(directory.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }

@@ -24,6 +24,10 @@ void HostServices::PostEvent(std::weak_ptr<void> owner, std::function<void()> ev
     m_loop.Post(std::move(owner), std::move(event));
 }
 
+void HostServices::Watch(std::weak_ptr<IoWatcher> watcher) { m_loop.Watch(std::move(watcher)); }
+
+void HostServices::Watch(std::weak_ptr<TimerWatcher> watcher) { m_loop.Watch(std::move(watcher)); }
+
 void HostServices::SetSocketControlFactoryForTesting(SocketControlFactory factory) {
     t_socketControlFactory = std::move(factory);
 }

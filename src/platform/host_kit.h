@@ -1,4 +1,6 @@
 // HostKitGlobal: the per-thread event loop that makes socket controls and pumps their events.
+// It is the one way into the loop: the stream waits and pumps through it, the socket control and
+// the ticker register and post through it.
 #ifndef LARKPOST_PLATFORM_HOST_KIT_H
 #define LARKPOST_PLATFORM_HOST_KIT_H
 
@@ -10,6 +12,8 @@
 namespace larkpost::detail {
 
 class EventLoop;
+class IoWatcher;
+class TimerWatcher;
 
 class HostServices {
 public:
@@ -31,7 +35,13 @@ public:
     // and the scripted one of the tests) deliver their events through this.
     void PostEvent(std::weak_ptr<void> owner, std::function<void()> event);
 
-    // Test seam: the factory behind CreateSocketControl on this thread (empty restores the real one).
+    // Lets the loop poll a descriptor or keep a deadline. The loop holds the watcher weakly: one
+    // that is destroyed simply drops out.
+    void Watch(std::weak_ptr<IoWatcher> watcher);
+    void Watch(std::weak_ptr<TimerWatcher> watcher);
+
+    // Test seam: the factory behind CreateSocketControl on this thread (empty restores the real
+    // one).
     using SocketControlFactory = std::function<std::shared_ptr<SocketControl>()>;
     void SetSocketControlFactoryForTesting(SocketControlFactory factory);
 

@@ -10,10 +10,13 @@ void AdviseHugePages(const void* data, std::size_t bytes) noexcept {
 #ifdef MADV_HUGEPAGE
     constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
     if (data == nullptr || bytes < kHugePage) return;
-    const auto start = reinterpret_cast<std::uintptr_t>(data);
-    const std::uintptr_t first = (start + kHugePage - 1) & ~(kHugePage - 1);
-    const std::uintptr_t last = (start + bytes) & ~(kHugePage - 1);
-    if (last > first) ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+    // Only the whole huge pages inside the range: from the first boundary to the last one.
+    char* const begin = static_cast<char*>(const_cast<void*>(data));
+    char* const end = begin + bytes;
+    const std::uintptr_t headOffset = reinterpret_cast<std::uintptr_t>(begin) & (kHugePage - 1);
+    char* const first = begin + (headOffset == 0 ? 0 : kHugePage - headOffset);
+    char* const last = end - (reinterpret_cast<std::uintptr_t>(end) & (kHugePage - 1));
+    if (last > first) ::madvise(first, static_cast<std::size_t>(last - first), MADV_HUGEPAGE);
 #else
     (void)data;
     (void)bytes;

@@ -1,8 +1,6 @@
 #include "platform/posix_socket_control.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <climits>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -10,10 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "platform/codepage.h"
 #include "platform/errors.h"
+#include "platform/host_kit.h"
 
 namespace larkpost::detail {
 
@@ -93,7 +94,7 @@ void PosixSocketControl::Connect(const std::u16string& RemoteHost, int32_t Remot
     }
     if (m_state != sckClosed) RaiseSocket(sckBadState);
 
-    EventLoop::Current().Watch(std::weak_ptr<IoWatcher>(weak_from_this()));
+    HostKitGlobal().Services().Watch(std::weak_ptr<IoWatcher>(weak_from_this()));
     m_nextAddress = 0;
     m_lastConnectError = 0;
     const std::string host = ToAnsi(RemoteHost);
@@ -157,7 +158,8 @@ void PosixSocketControl::TryNextAddress() {
             close(fd);
             continue;
         }
-        int status = connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length);
+        int status =
+            connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length);
         if (status == 0 || errno == EINPROGRESS) {
             m_fd = fd;
             if (status == 0) Connected();
@@ -265,9 +267,10 @@ std::u16string PosixSocketControl::LocalIP() {
     socklen_t length = sizeof local;
     if (getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return {};
     char text[INET6_ADDRSTRLEN] = {};
-    const void* address = local.ss_family == AF_INET6
-        ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&local)->sin6_addr)
-        : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&local)->sin_addr);
+    const void* address =
+        local.ss_family == AF_INET6
+            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&local)->sin6_addr)
+            : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&local)->sin_addr);
     if (!inet_ntop(local.ss_family, address, text, sizeof text)) return {};
     return FromAnsi(text);
 }
@@ -355,7 +358,8 @@ void PosixSocketControl::Fail(const SocketFailure& failure) {
     Post([number, description](SocketControlEvents& sink) {
         std::u16string text = description;
         bool cancelDisplay = false;
-        sink.Error(number, text, kControlFacilityScode | number, kSourceSocket, u"", 0, cancelDisplay);
+        sink.Error(number, text, kControlFacilityScode | number, kSourceSocket, u"", 0,
+                   cancelDisplay);
     });
 }
 
@@ -370,7 +374,7 @@ void PosixSocketControl::Post(std::function<void(SocketControlEvents&)> deliver)
     // The token keeps the event alive only while this control is open and alive; the raw this
     // is therefore valid whenever the event runs. Nothing touches this after the sink returns,
     // as the handler may release the control.
-    EventLoop::Current().Post(m_eventToken, [this, deliver = std::move(deliver)] {
+    HostKitGlobal().Services().PostEvent(m_eventToken, [this, deliver = std::move(deliver)] {
         if (m_sink) deliver(*m_sink);
     });
 }

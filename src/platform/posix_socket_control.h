@@ -93,8 +93,8 @@ private:
 
     std::string m_outgoing;  // bytes from m_outgoingOffset on wait for POLLOUT
     std::size_t m_outgoingOffset = 0;
-    uint64_t m_bytesAccepted = 0;  // by SendData, over the connection's life
-    uint64_t m_bytesSent = 0;      // taken by the kernel
+    uint64_t m_bytesAccepted = 0;     // by SendData, over the connection's life
+    uint64_t m_bytesSent = 0;         // taken by the kernel
     std::deque<uint64_t> m_sendEnds;  // m_bytesAccepted after each SendData not yet complete
 };
 

@@ -1,7 +1,8 @@
 #include "platform/socket_errors.h"
 
-#include <cerrno>
 #include <string.h>
+
+#include <cerrno>
 
 #include "platform/codepage.h"
 
@@ -17,8 +18,10 @@ std::u16string SocketErrorDescription(int32_t number) {
         case sckTimedout: return u"The connection timed out.";
         case sckConnectionRefused: return u"The connection was refused by the remote host.";
         case sckHostUnreachable: return u"The remote host is unreachable.";
-        case sckHostNotFound: return u"Host not found: the name could not be resolved to an address.";
-        case sckBadState: return u"The operation is not allowed in the current state of the socket.";
+        case sckHostNotFound:
+            return u"Host not found: the name could not be resolved to an address.";
+        case sckBadState:
+            return u"The operation is not allowed in the current state of the socket.";
         case sckInvalidArg: return u"The argument is not of the expected kind.";
         case sckOutOfRange: return u"The argument is out of range.";
         default: return u"Unknown socket error.";

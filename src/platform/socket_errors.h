@@ -19,9 +19,9 @@ inline constexpr int16_t sckHostUnreachable = 10065;
 inline constexpr int16_t sckHostNotFound = 11001;
 
 // Raised at once by a call that cannot start.
-inline constexpr int32_t sckBadState = 40006;   // the call does not fit the control's State
-inline constexpr int32_t sckInvalidArg = 40014; // an argument of the wrong kind
-inline constexpr int32_t sckOutOfRange = 40021; // a number outside its range (a port)
+inline constexpr int32_t sckBadState = 40006;    // the call does not fit the control's State
+inline constexpr int32_t sckInvalidArg = 40014;  // an argument of the wrong kind
+inline constexpr int32_t sckOutOfRange = 40021;  // a number outside its range (a port)
 
 // The English description of one of the numbers above.
 std::u16string SocketErrorDescription(int32_t number);

@@ -48,10 +48,20 @@ bool TryFromUtf8(std::string_view text, std::u16string& out) {
         int extra;
         char32_t c;
         char32_t minimum;
-        if ((b & 0xE0) == 0xC0) { extra = 1; c = b & 0x1F; minimum = 0x80; }
-        else if ((b & 0xF0) == 0xE0) { extra = 2; c = b & 0x0F; minimum = 0x800; }
-        else if ((b & 0xF8) == 0xF0) { extra = 3; c = b & 0x07; minimum = 0x10000; }
-        else return false;
+        if ((b & 0xE0) == 0xC0) {
+            extra = 1;
+            c = b & 0x1F;
+            minimum = 0x80;
+        } else if ((b & 0xF0) == 0xE0) {
+            extra = 2;
+            c = b & 0x0F;
+            minimum = 0x800;
+        } else if ((b & 0xF8) == 0xF0) {
+            extra = 3;
+            c = b & 0x07;
+            minimum = 0x10000;
+        } else
+            return false;
         if (i + extra >= text.size()) return false;
         for (int k = 1; k <= extra; ++k) {
             unsigned char cont = static_cast<unsigned char>(text[i + k]);

@@ -7,6 +7,7 @@
 #include "platform/clock.h"
 #include "platform/errors.h"
 #include "platform/event_loop.h"
+#include "platform/host_kit.h"
 
 namespace larkpost::detail {
 
@@ -38,7 +39,7 @@ struct Ticker::State final : TimerWatcher {
     void OnDue(MonotonicClock::time_point now) override {
         // The raw pointer is valid whenever the tick runs: the tick lives only as long as the
         // token, which this object owns.
-        EventLoop::Current().Post(token, [this] {
+        HostKitGlobal().Services().PostEvent(token, [this] {
             if (sink) sink->Elapsed();
         });
         // Keep the beat; ticks missed while the thread was busy fold into this one.
@@ -58,7 +59,7 @@ void Ticker::Enabled(bool value) {
     if (value == m_state->enabled) return;
     m_state->enabled = value;
     if (value) {
-        EventLoop::Current().Watch(std::weak_ptr<TimerWatcher>(m_state));
+        HostKitGlobal().Services().Watch(std::weak_ptr<TimerWatcher>(m_state));
     } else {
         m_state->token = std::make_shared<char>();  // ticks already queued are not delivered
     }

@@ -23,7 +23,8 @@ public:
     Ticker& operator=(const Ticker&) = delete;
 
     void SetEvents(TickerEvents* sink);
-    // True starts the ticks (the first one Interval after), false stops them. A new ticker is stopped.
+    // True starts the ticks (the first one Interval after), false stops them. A new ticker is
+    // stopped.
     void Enabled(bool value);
     bool Enabled() const;
     void Interval(int32_t milliseconds);

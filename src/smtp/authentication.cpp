@@ -1,22 +1,21 @@
 // Logging in at the end of Connect: AUTH LOGIN, or AUTH PLAIN when the server offers only that.
-#include "larkpost/mail_client.h"
-
-#include "encoding/common.h"
+#include "encoding/base64.h"
 #include "platform/errors.h"
+#include "smtp/mail_client_impl.h"
 #include "smtp/smtp_response.h"
 
-namespace larkpost {
+namespace larkpost::detail {
 
-void MailClient::Authenticate(const std::u16string& Username, const std::u16string& Password) {
+void MailClientImpl::Authenticate(const std::u16string& Username, const std::u16string& Password) {
     // Only the empty string counts as missing: a single space is a credential.
     if (Username.empty() && Password.empty()) return;
     if (Password.empty()) {
-        detail::Raise(ERROR_CREDENTIALS_INCOMPLETE, u"You supplied a username, but you need a password as well.",
-                      detail::kSourceMailClient);
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied a username, but you need a password as well.", kSourceMailClient);
     }
     if (Username.empty()) {
-        detail::Raise(ERROR_CREDENTIALS_INCOMPLETE, u"You supplied a password, but you need a username as well.",
-                      detail::kSourceMailClient);
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied a password, but you need a username as well.", kSourceMailClient);
     }
 
     if (HasCapability(CAP_AUTH_LOGIN)) {
@@ -24,34 +23,37 @@ void MailClient::Authenticate(const std::u16string& Username, const std::u16stri
     } else if (HasCapability(CAP_AUTH_PLAIN)) {
         AuthenticatePlain(Username, Password);
     } else {
-        detail::Raise(ERROR_AUTH_UNSUPPORTED,
-                      u"The mail server does not support the AUTH LOGIN or AUTH PLAIN authenication schemes.",
-                      detail::kSourceMailClient);
+        Raise(
+            ERROR_AUTH_UNSUPPORTED,
+            u"The mail server does not support the AUTH LOGIN or AUTH PLAIN authenication schemes.",
+            kSourceMailClient);
     }
 }
 
 // The lines go out in their fixed order whatever the prompts say; only the last reply counts.
 
-void MailClient::AuthenticateLogin(const std::u16string& Username, const std::u16string& Password) {
+void MailClientImpl::AuthenticateLogin(const std::u16string& Username,
+                                       const std::u16string& Password) {
     SendCommand(u"AUTH LOGIN");
-    SendCommand(detail::Base64Encode(Username));
-    const detail::SmtpResponse reply = SendCommand(detail::Base64Encode(Password));
-    if (reply.IsError) detail::Raise(ERROR_AUTH_FAILED, reply.Text, detail::kSourceMailClient);
+    SendCommand(Base64Encode(Username));
+    const SmtpResponse reply = SendCommand(Base64Encode(Password));
+    if (reply.IsError) Raise(ERROR_AUTH_FAILED, reply.Text, kSourceMailClient);
 }
 
-void MailClient::AuthenticatePlain(const std::u16string& Username, const std::u16string& Password) {
+void MailClientImpl::AuthenticatePlain(const std::u16string& Username,
+                                       const std::u16string& Password) {
     // RFC 4616 with an empty authorisation identity: NUL, user name, NUL, password.
     std::u16string token;
     token.reserve(Username.size() + Password.size() + 2);
     token.append(1, u'\0').append(Username).append(1, u'\0').append(Password);
 
     SendCommand(u"AUTH PLAIN");
-    const detail::SmtpResponse reply = SendCommand(detail::Base64Encode(token));
+    const SmtpResponse reply = SendCommand(Base64Encode(token));
     if (reply.IsError) {
-        detail::Raise(ERROR_AUTH_FAILED,
-                      u"The mail server could not authenticate you. It replied with '" + reply.Text + u"'",
-                      detail::kSourceMailClient);
+        Raise(ERROR_AUTH_FAILED,
+              u"The mail server could not authenticate you. It replied with '" + reply.Text + u"'",
+              kSourceMailClient);
     }
 }
 
-}  // namespace larkpost
+}  // namespace larkpost::detail

@@ -1,16 +1,15 @@
 // EHLO and the capabilities the server announces in its reply.
-#include "larkpost/mail_client.h"
-
 #include <vector>
 
-#include "larkpost/tcp_stream.h"
-#include "net/tcp_stream_access.h"
+#include "net/tcp_stream_impl.h"
 #include "platform/errors.h"
+#include "platform/impl_access.h"
 #include "smtp/ehlo_domain.h"
+#include "smtp/mail_client_impl.h"
 #include "smtp/smtp_reply.h"
 #include "smtp/smtp_response.h"
 
-namespace larkpost {
+namespace larkpost::detail {
 
 namespace {
 
@@ -42,8 +41,8 @@ std::vector<std::u16string_view> SplitAtSpaces(std::u16string_view text) {
 
 }  // namespace
 
-void MailClient::NegotiateCapabilities() {
-    const detail::SmtpResponse reply = SendCommandChecked(u"EHLO " + EhloName());
+void MailClientImpl::NegotiateCapabilities() {
+    const SmtpResponse reply = SendCommandChecked(u"EHLO " + EhloName());
     // A one-line reply announces nothing, and what an earlier session learnt stays.
     if (reply.Lines.size() < 2) return;
 
@@ -52,9 +51,10 @@ void MailClient::NegotiateCapabilities() {
     for (std::size_t i = 1; i < reply.Lines.size(); ++i) RecordCapability(reply.Lines[i]);
 }
 
-void MailClient::RecordCapability(std::u16string_view keywordLine) {
-    const std::u16string_view afterCode =
-        keywordLine.size() > kCodeAndSeparator ? keywordLine.substr(kCodeAndSeparator) : std::u16string_view();
+void MailClientImpl::RecordCapability(std::u16string_view keywordLine) {
+    const std::u16string_view afterCode = keywordLine.size() > kCodeAndSeparator
+                                              ? keywordLine.substr(kCodeAndSeparator)
+                                              : std::u16string_view();
     const std::u16string upper = AsciiUpper(afterCode);
     const std::vector<std::u16string_view> pieces = SplitAtSpaces(upper);
     if (pieces.empty()) return;
@@ -62,8 +62,10 @@ void MailClient::RecordCapability(std::u16string_view keywordLine) {
     const std::u16string_view keyword = pieces[0];
     if (keyword == u"AUTH") {
         for (std::size_t i = 1; i < pieces.size(); ++i) {
-            if (pieces[i] == u"LOGIN") m_capabilities |= CAP_AUTH_LOGIN;
-            else if (pieces[i] == u"PLAIN") m_capabilities |= CAP_AUTH_PLAIN;
+            if (pieces[i] == u"LOGIN")
+                m_capabilities |= CAP_AUTH_LOGIN;
+            else if (pieces[i] == u"PLAIN")
+                m_capabilities |= CAP_AUTH_PLAIN;
         }
     } else if (keyword == u"8BITMIME") {
         m_capabilities |= CAP_8BITMIME;
@@ -72,17 +74,17 @@ void MailClient::RecordCapability(std::u16string_view keywordLine) {
     } else if (keyword == u"SIZE") {
         m_capabilities |= CAP_SIZE;
         if (pieces.size() < 2) {
-            detail::Raise(ERROR_INVALID_SIZE_VALUE, u"Server sent back an invalid value for SIZE extension.",
-                          detail::kSourceMailClient);
+            Raise(ERROR_INVALID_SIZE_VALUE,
+                  u"Server sent back an invalid value for SIZE extension.", kSourceMailClient);
         }
-        m_maxMessageSize = detail::ParseWholeNumber(pieces[1]);
+        m_maxMessageSize = ParseWholeNumber(pieces[1]);
     }
 }
 
-std::u16string MailClient::EhloName() {
-    std::u16string hostName = m_stream->LocalHostName();
+std::u16string MailClientImpl::EhloName() {
+    std::u16string hostName = m_stream.LocalHostName();
     if (!hostName.empty()) return hostName;
-    return detail::EhloDomain(std::move(hostName), detail::TcpStreamAccess::LocalIP(*m_stream));
+    return EhloDomain(std::move(hostName), ImplAccess::Of(m_stream).LocalIP());
 }
 
-}  // namespace larkpost
+}  // namespace larkpost::detail

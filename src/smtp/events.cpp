@@ -1,9 +1,8 @@
 // The events of MailClient and the listeners that receive them.
-#include "larkpost/mail_client.h"
-
 #include <algorithm>
 
 #include "platform/errors.h"
+#include "smtp/mail_client_impl.h"
 
 namespace larkpost {
 
@@ -12,12 +11,16 @@ void MailClientEvents::SendProgress(const std::shared_ptr<MailMessage>&, int32_t
 void MailClientEvents::CancelPending() {}
 void MailClientEvents::SendCanceled() {}
 
-void MailClient::AddListener(std::shared_ptr<MailClientEvents> listener) {
-    if (!listener) detail::RaiseRuntime(ERROR_INVALID_ARGUMENT, detail::kSourceMailClient);
+}  // namespace larkpost
+
+namespace larkpost::detail {
+
+void MailClientImpl::AddListener(std::shared_ptr<MailClientEvents> listener) {
+    if (!listener) RaiseRuntime(ERROR_INVALID_ARGUMENT, kSourceMailClient);
     m_listeners.push_back(std::move(listener));
 }
 
-void MailClient::RemoveListener(const std::shared_ptr<MailClientEvents>& listener) {
+void MailClientImpl::RemoveListener(const std::shared_ptr<MailClientEvents>& listener) {
     // One registration goes per call; a listener added twice needs two removals.
     auto found = std::find(m_listeners.begin(), m_listeners.end(), listener);
     if (found != m_listeners.end()) m_listeners.erase(found);
@@ -27,21 +30,21 @@ void MailClient::RemoveListener(const std::shared_ptr<MailClientEvents>& listene
 // listener removed during an event still receives that event, one added receives the next.
 // An exception from a handler ends the dispatch and reaches the caller unchanged.
 
-void MailClient::RaiseSendProgress(const std::shared_ptr<MailMessage>& message, int32_t bytesSent,
-                                   int32_t totalBytes) {
+void MailClientImpl::RaiseSendProgress(const std::shared_ptr<MailMessage>& message,
+                                       int32_t bytesSent, int32_t totalBytes) {
     if (m_listeners.empty()) return;
     const auto listeners = m_listeners;
     for (const auto& listener : listeners) listener->SendProgress(message, bytesSent, totalBytes);
 }
 
-void MailClient::RaiseCancelPending() {
+void MailClientImpl::RaiseCancelPending() {
     const auto listeners = m_listeners;
     for (const auto& listener : listeners) listener->CancelPending();
 }
 
-void MailClient::RaiseSendCanceled() {
+void MailClientImpl::RaiseSendCanceled() {
     const auto listeners = m_listeners;
     for (const auto& listener : listeners) listener->SendCanceled();
 }
 
-}  // namespace larkpost
+}  // namespace larkpost::detail

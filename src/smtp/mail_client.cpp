@@ -1,30 +1,55 @@
-// MailClient: creation, destruction and the plain properties.
-#include "larkpost/mail_client.h"
+// MailClient: the public object, which hands every call to its implementation.
+#include <utility>
 
-#include "larkpost/tcp_stream.h"
 #include "larkpost/text.h"
-#include "smtp/smtp_response.h"
+#include "smtp/mail_client_impl.h"
 
 namespace larkpost {
 
-MailClient::MailClient() : m_stream(std::make_unique<TcpStream>()) {}
+namespace detail {
+
+MailClientImpl::MailClientImpl(MailClient& owner) : m_owner(owner) {}
+
+}  // namespace detail
+
+MailClient::MailClient() : m_impl(std::make_unique<detail::MailClientImpl>(*this)) {}
 
 MailClient::~MailClient() {
     // Going away closes the connection without QUIT and never fails.
     try {
         Disconnect(true);
-    } catch (...) {
-    }
+    } catch (...) {}
 }
 
-void MailClient::Server(std::u16string rhs) { m_server = std::move(rhs); }
+void MailClient::Server(std::u16string rhs) { m_impl->Server(std::move(rhs)); }
+void MailClient::Server(std::string_view rhs) { m_impl->Server(FromUtf8(rhs)); }
+const std::u16string& MailClient::Server() const { return m_impl->Server(); }
+void MailClient::Port(int32_t rhs) { m_impl->Port(rhs); }
+int32_t MailClient::Port() const { return m_impl->Port(); }
 
-void MailClient::Server(std::string_view rhs) { m_server = FromUtf8(rhs); }
+std::any MailClient::Connect(const std::u16string& Username, const std::u16string& Password) {
+    m_impl->Connect(Username, Password);
+    return {};
+}
 
-const std::u16string& MailClient::Server() const { return m_server; }
+std::any MailClient::Connect(std::string_view Username, std::string_view Password) {
+    return Connect(FromUtf8(Username), FromUtf8(Password));
+}
 
-void MailClient::Port(int32_t rhs) { m_port = rhs; }
+std::any MailClient::Disconnect(bool bForce) {
+    m_impl->Disconnect(bForce);
+    return {};
+}
 
-int32_t MailClient::Port() const { return m_port; }
+// The message comes by value, as the class has always taken it; the call holds it throughout.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void MailClient::Send(std::shared_ptr<MailMessage> message) { m_impl->Send(message); }
+void MailClient::CancelSend() { m_impl->CancelSend(); }
+void MailClient::AddListener(std::shared_ptr<MailClientEvents> listener) {
+    m_impl->AddListener(std::move(listener));
+}
+void MailClient::RemoveListener(const std::shared_ptr<MailClientEvents>& listener) {
+    m_impl->RemoveListener(listener);
+}
 
 }  // namespace larkpost

@@ -1,18 +1,17 @@
 // One mail transaction: MAIL FROM, RCPT TO for every address, DATA, the text, the end of data.
-#include "larkpost/mail_client.h"
-
 #include <limits>
 #include <vector>
 
 #include "larkpost/mail_message.h"
-#include "larkpost/tcp_stream.h"
-#include "message/keyed_collection.h"
-#include "net/tcp_stream_access.h"
+#include "message/mail_message_impl.h"
+#include "net/tcp_stream_impl.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
+#include "platform/impl_access.h"
+#include "smtp/mail_client_impl.h"
 #include "smtp/smtp_response.h"
 
-namespace larkpost {
+namespace larkpost::detail {
 
 namespace {
 
@@ -21,50 +20,52 @@ constexpr std::size_t kSliceLength = 512;
 constexpr std::size_t kPausePeriod = 2048;
 constexpr int32_t kPauseMilliseconds = 5;
 
-void AppendAll(std::vector<std::u16string>& out, const detail::KeyedCollection& list) {
+void AppendAll(std::vector<std::u16string>& out, const KeyedCollection& list) {
     out.insert(out.end(), list.begin(), list.end());
 }
 
 }  // namespace
 
-void MailClient::Send(std::shared_ptr<MailMessage> message) {
+void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
     if (!message) {
-        detail::Raise(ERROR_NO_MESSAGE, u"No MailMessage object provided to Send().", detail::kSourceMailClient);
+        Raise(ERROR_NO_MESSAGE, u"No MailMessage object provided to Send().", kSourceMailClient);
     }
     // Only the To list counts: Cc and Bcc alone are not enough.
-    if (message->Recipients()->Count() == 0) {
-        detail::Raise(ERROR_NO_RECIPIENTS, u"No recipient(s) specified in message.", detail::kSourceMailClient);
+    MailMessageImpl& parts = ImplAccess::Of(*message);
+    if (parts.recipients->Count() == 0) {
+        Raise(ERROR_NO_RECIPIENTS, u"No recipient(s) specified in message.", kSourceMailClient);
     }
 
     // Held for the whole transfer: a progress handler that rebuilds the message (SaveToFile
     // after a change) replaces the message's text, not the one being sent.
-    const std::shared_ptr<const std::u16string> built = message->BuildMessageText();
+    const std::shared_ptr<const std::u16string> built = parts.BuildMessageText();
     // A SIZE of 0 announces no fixed limit (RFC 1870), so it is not a limit of 0 characters.
     if (HasCapability(CAP_SIZE) && m_maxMessageSize > 0 &&
         built->size() > static_cast<std::size_t>(m_maxMessageSize)) {
-        detail::Raise(ERROR_MESSAGE_TOO_LARGE, u"The message was too large to send.", detail::kSourceMailClient);
+        Raise(ERROR_MESSAGE_TOO_LARGE, u"The message was too large to send.", kSourceMailClient);
     }
     if (built->size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
-        detail::RaiseRuntime(ERROR_OVERFLOW, detail::kSourceMailClient);
+        RaiseRuntime(ERROR_OVERFLOW, kSourceMailClient);
     }
 
     const std::u16string_view text = *built;
 
     std::vector<std::u16string> recipients;
-    AppendAll(recipients, *message->Recipients());
-    AppendAll(recipients, *message->CCRecipients());
-    AppendAll(recipients, *message->BCCRecipients());
+    AppendAll(recipients, *parts.recipients);
+    AppendAll(recipients, *parts.ccRecipients);
+    AppendAll(recipients, *parts.bccRecipients);
 
     // A CancelSend from before this point does not concern this transfer.
     m_cancelRequested = false;
     ++m_transactionEpoch;
 
     SendCommandChecked(u"MAIL FROM: <" + message->FromAddress() + u">");
-    for (const std::u16string& recipient : recipients) SendCommandChecked(u"RCPT TO: <" + recipient + u">");
+    for (const std::u16string& recipient : recipients)
+        SendCommandChecked(u"RCPT TO: <" + recipient + u">");
     SendCommandChecked(u"DATA");
 
     // The slices and the terminating line will sit in the send buffer together.
-    detail::TcpStreamAccess::ReserveSend(*m_stream, text.size() + 5);
+    ImplAccess::Of(m_stream).ReserveSend(text.size() + 5);
     if (!TransferText(message, text)) return;
 
     // With the CR LF of the line itself this ends the data with CR LF "." CR LF. The read of
@@ -72,13 +73,14 @@ void MailClient::Send(std::shared_ptr<MailMessage> message) {
     SendCommand(u"\r\n.");
 }
 
-bool MailClient::TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text) {
+bool MailClientImpl::TransferText(const std::shared_ptr<MailMessage>& message,
+                                  std::u16string_view text) {
     const uint64_t connection = m_connectionEpoch;
     const uint64_t transaction = m_transactionEpoch;
     const auto totalBytes = static_cast<int32_t>(text.size());
     int32_t bytesSent = 0;
     for (std::size_t start = 0; start < text.size(); start += kSliceLength) {
-        if (start % kPausePeriod == 0) detail::Sleep(kPauseMilliseconds);
+        if (start % kPausePeriod == 0) Sleep(kPauseMilliseconds);
         const std::u16string_view slice = text.substr(start, kSliceLength);
         SendRaw(slice);
         bytesSent += static_cast<int32_t>(slice.size());
@@ -97,12 +99,12 @@ bool MailClient::TransferText(const std::shared_ptr<MailMessage>& message, std::
         // ended this transaction: nothing more of the text may go out, least of all to a
         // server that now reads commands.
         if (m_connectionEpoch != connection || m_transactionEpoch != transaction) {
-            detail::Raise(ERROR_NOT_CONNECTED, u"Not connected.", detail::kSourceMailClient);
+            Raise(ERROR_NOT_CONNECTED, u"Not connected.", kSourceMailClient);
         }
 
         if (m_cancelRequested) {
             m_cancelRequested = false;
-            m_stream->Disconnect();
+            m_stream.Disconnect();
             RaiseSendCanceled();
             return false;
         }
@@ -110,9 +112,9 @@ bool MailClient::TransferText(const std::shared_ptr<MailMessage>& message, std::
     return true;
 }
 
-void MailClient::CancelSend() {
+void MailClientImpl::CancelSend() {
     m_cancelRequested = true;
     RaiseCancelPending();
 }
 
-}  // namespace larkpost
+}  // namespace larkpost::detail

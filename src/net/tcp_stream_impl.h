@@ -1,0 +1,108 @@
+// TcpStreamImpl: the state and the work behind a TcpStream: the socket control and ticker of the
+// current connection, the send and receive buffers, the one state value and the waits on it.
+#ifndef LARKPOST_NET_TCP_STREAM_IMPL_H
+#define LARKPOST_NET_TCP_STREAM_IMPL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "larkpost/tcp_stream.h"
+#include "platform/socket_control.h"
+#include "platform/ticker.h"
+
+namespace larkpost::detail {
+
+class TcpStreamImpl {
+public:
+    // owner's ResponseTimeout is the time limit of every read.
+    explicit TcpStreamImpl(TcpStream& owner);
+    ~TcpStreamImpl();
+    TcpStreamImpl(const TcpStreamImpl&) = delete;
+    TcpStreamImpl& operator=(const TcpStreamImpl&) = delete;
+
+    // The public members, one for one.
+    void Connect(const std::u16string& HostnameOrIP, int32_t Port);
+    void Disconnect();
+    void Send(std::u16string_view Data);
+    void SendLine(std::u16string_view Data);
+    void Flush();
+    bool AtEndOfStream();
+    std::u16string Peek(int32_t NumChars);
+    std::u16string Read(int32_t NumChars);
+    std::u16string ReadLine();
+    std::u16string ReadToEnd();
+    bool Connected();
+    std::u16string LocalHostName();
+
+    // For the client: the address of the local end, empty when there is no control.
+    std::u16string LocalIP() const { return m_socket ? m_socket->LocalIP() : std::u16string(); }
+    // Makes room for count more bytes of unsent text at once, so a whole message handed over in
+    // slices is copied into the buffer once and never moved while it grows.
+    void ReserveSend(std::size_t count);
+
+private:
+    friend struct TcpStreamAccess;  // the tests' view of the state machine
+    struct SocketSink;
+    struct TickerSink;
+
+    void ResetSocket();
+    void m_socket_Close();
+    void m_socket_Connect();
+    void m_socket_DataArrival(int32_t bytesTotal);
+    void m_socket_Error(int16_t Number, std::u16string& Description);
+    void m_socket_SendComplete();
+    void m_ticker_Elapsed();
+    void SetState(int32_t state) { m_state = state; }
+    void RecordError(int32_t number, std::u16string description);
+    // The waits sleep between pumps and end when nothing on the thread can deliver an event.
+    // Peek's wait, until the state or STATE_ERROR; false when it could never end.
+    bool WaitForState(int32_t state);
+    // Connect's wait, until a state of the list or STATE_ERROR; false when the connection did
+    // not come up (closed first, or no outcome).
+    bool WaitForAnyState(std::initializer_list<int32_t> states);
+    // Flush's wait; false when the connection closed before the text was reported gone.
+    bool WaitForSendComplete();
+    void RaiseRecordedError();
+    void ReleaseSocket() noexcept;
+    // What the last connection left behind: unsent text, unread characters, a pending error.
+    void DiscardLeftovers();
+    // Peek's first steps: flush, wait while no more than `seen` characters are unread, raise a
+    // pending error.
+    void AwaitUnread(std::size_t seen);
+    // The next `length` unread characters, which end in CR LF, as a line without them.
+    std::u16string TakeLine(std::size_t length);
+    std::u16string_view Unread() const;
+    void Consume(std::size_t count);
+
+    TcpStream& m_owner;
+    int32_t m_state = 0;
+    int32_t m_errorNumber = 0;
+    std::u16string m_errorDescription;
+    bool m_errorPending = false;
+    // Unread characters live at m_receiveBuffer[m_receiveOffset...]; reads advance the offset.
+    std::u16string m_receiveBuffer;
+    std::size_t m_receiveOffset = 0;
+    // Where GetData puts an arrival; it keeps its capacity from one arrival to the next.
+    std::u16string m_arrival;
+    // Unsent text, kept already in the code page it goes out in.
+    std::string m_sendBuffer;
+    int32_t m_lastArrivalBytes = 0;
+    int32_t m_ticksLeft = 0;
+    // Counts of Connect, SendComplete and Close events, so a wait notices an outcome that a
+    // later event of the same pump has overwritten in m_state.
+    uint64_t m_connectEvents = 0;
+    uint64_t m_sendCompleteEvents = 0;
+    uint64_t m_closeEvents = 0;
+    std::unique_ptr<SocketSink> m_socketSink;
+    std::unique_ptr<TickerSink> m_tickerSink;
+    std::shared_ptr<Ticker> m_ticker;
+    std::shared_ptr<SocketControl> m_socket;
+};
+
+}  // namespace larkpost::detail
+
+#endif

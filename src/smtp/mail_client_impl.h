@@ -1,0 +1,77 @@
+// MailClientImpl: the state and the work behind a MailClient: its stream, the capabilities of
+// the server, the listeners, and the command, session and transaction logic.
+#ifndef LARKPOST_SMTP_MAIL_CLIENT_IMPL_H
+#define LARKPOST_SMTP_MAIL_CLIENT_IMPL_H
+
+#include <any>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "larkpost/mail_client.h"
+#include "larkpost/tcp_stream.h"
+#include "smtp/smtp_response.h"
+
+namespace larkpost::detail {
+
+class MailClientImpl {
+public:
+    // owner's Timeout becomes the stream's time limit at each Connect.
+    explicit MailClientImpl(MailClient& owner);
+
+    // The public members, one for one.
+    void Server(std::u16string rhs) { m_server = std::move(rhs); }
+    const std::u16string& Server() const { return m_server; }
+    void Port(int32_t rhs) { m_port = rhs; }
+    int32_t Port() const { return m_port; }
+    void Connect(const std::u16string& Username, const std::u16string& Password);
+    void Disconnect(bool bForce);
+    void Send(const std::shared_ptr<MailMessage>& message);
+    void CancelSend();
+    void AddListener(std::shared_ptr<MailClientEvents> listener);
+    void RemoveListener(const std::shared_ptr<MailClientEvents>& listener);
+
+    // The command and reply layer: every SMTP line of the session passes through these.
+    SmtpResponse SendCommand(std::u16string_view command);
+    SmtpResponse SendCommandChecked(std::u16string_view command);
+    SmtpResponse ReadResponse();
+    void SendRaw(std::u16string_view text);
+    void SendRawLine(std::u16string_view text);
+    int32_t HasCapability(int32_t flag) const { return m_capabilities & flag; }
+
+private:
+    friend struct MailClientAccess;  // the tests' view of the session state
+
+    void NegotiateCapabilities();
+    void RecordCapability(std::u16string_view keywordLine);
+    std::u16string EhloName();
+    void Authenticate(const std::u16string& Username, const std::u16string& Password);
+    void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
+    void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
+    bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
+    void DropConnectionQuietly() noexcept;
+
+    void RaiseSendProgress(const std::shared_ptr<MailMessage>& message, int32_t bytesSent,
+                           int32_t totalBytes);
+    void RaiseCancelPending();
+    void RaiseSendCanceled();
+
+    MailClient& m_owner;
+    TcpStream m_stream;
+    std::u16string m_server;
+    int32_t m_port = 25;
+    int32_t m_capabilities = 0;
+    int32_t m_maxMessageSize = 0;
+    bool m_cancelRequested = false;
+    // Counts of Connect/Disconnect calls and of Send calls, so that a Send notices when an event
+    // handler has closed or replaced its connection, or run another transaction on it.
+    uint64_t m_connectionEpoch = 0;
+    uint64_t m_transactionEpoch = 0;
+    std::vector<std::shared_ptr<MailClientEvents>> m_listeners;
+};
+
+}  // namespace larkpost::detail
+
+#endif
