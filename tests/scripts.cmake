@@ -1,59 +1,56 @@
 # Tests written as programs and scripts rather than GoogleTest cases: a C program on the C
-# interface, Python driving the C interface through ctypes, the larkpost command, and the
-# installed package as a consumer meets it. Included by tests/CMakeLists.txt.
+# interface, and tests/scripts/hosts_test.py, whose classes run as tests of their own: Python
+# through ctypes, the larkpost command, the installed package. Included by tests/CMakeLists.txt.
 
-set(LARKPOST_SYSTEM_PYTHON /usr/bin/python3)
-set(script_dir ${CMAKE_CURRENT_SOURCE_DIR}/scripts)
-set(sanitized FALSE)
-if(LARKPOST_SANITIZE)
-  set(sanitized TRUE)
-endif()
+set(hosts_test /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/scripts/hosts_test.py)
 
 # The C interface's header is valid C: this program is compiled as C11, pedantic.
 add_executable(component_c_program ${CMAKE_CURRENT_SOURCE_DIR}/component_c_program.c)
 set_target_properties(component_c_program PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
 target_compile_options(component_c_program PRIVATE -Wall -Wextra -pedantic -Werror)
 target_link_libraries(component_c_program PRIVATE larkpost)
+if(LARKPOST_SANITIZE AND CMAKE_C_COMPILER_ID MATCHES "Clang")
+  # The library's C++ checks (vptr) need the sanitizer's C++ runtime, which clang links for C++ only.
+  set_target_properties(component_c_program PROPERTIES LINKER_LANGUAGE CXX)
+endif()
 add_test(NAME component_c_program
   COMMAND component_c_program ${CMAKE_CURRENT_BINARY_DIR}/component_c_program.eml)
 set_tests_properties(component_c_program PROPERTIES TIMEOUT 60)
 
-# Python through ctypes. A sanitized library needs its runtime loaded ahead of the interpreter.
-set(ctypes_environment
-  LARKPOST_LIBRARY=$<TARGET_FILE:larkpost>
-  LARKPOST_SOURCE_DIR=${PROJECT_SOURCE_DIR})
+# Python through ctypes. A sanitized library needs its runtime loaded ahead of the interpreter,
+# whose own allocations are not ours to judge (leaks are checked by the C++ tests).
+set(ctypes_environment LARKPOST_LIBRARY=$<TARGET_FILE:larkpost>)
 if(LARKPOST_SANITIZE MATCHES "address")
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libasan.so
-    OUTPUT_VARIABLE asan_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
+      OUTPUT_VARIABLE sanitizer_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+  else()
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libasan.so
+      OUTPUT_VARIABLE sanitizer_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+  endif()
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++.so
     OUTPUT_VARIABLE cxx_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
-  # The interpreter's own allocations are not ours to judge: leaks are checked by the C++ tests.
-  list(APPEND ctypes_environment "LD_PRELOAD=${asan_runtime}:${cxx_runtime}"
+  list(APPEND ctypes_environment "LD_PRELOAD=${sanitizer_runtime}:${cxx_runtime}"
     "ASAN_OPTIONS=detect_leaks=0:abort_on_error=1")
 endif()
-add_test(NAME component_c_api_ctypes
-  COMMAND ${LARKPOST_SYSTEM_PYTHON} ${script_dir}/c_api_ctypes_test.py)
-set_tests_properties(component_c_api_ctypes PROPERTIES
-  ENVIRONMENT "${ctypes_environment}" TIMEOUT 300)
+add_test(NAME component_c_api_ctypes COMMAND ${hosts_test} CInterface)
+set_tests_properties(component_c_api_ctypes PROPERTIES ENVIRONMENT "${ctypes_environment}" TIMEOUT 300)
 
 # The larkpost command.
 if(TARGET larkpost_cli)
-  add_test(NAME tools_larkpost_cli
-    COMMAND ${LARKPOST_SYSTEM_PYTHON} ${script_dir}/cli_test.py)
+  add_test(NAME tools_larkpost_cli COMMAND ${hosts_test} Command)
   set_tests_properties(tools_larkpost_cli PROPERTIES
-    ENVIRONMENT "LARKPOST_CLI=$<TARGET_FILE:larkpost_cli>;LARKPOST_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
-    TIMEOUT 300)
+    ENVIRONMENT "LARKPOST_CLI=$<TARGET_FILE:larkpost_cli>" TIMEOUT 300)
 endif()
 
-# Install to a temporary prefix and build the example against it with find_package, and a
-# program with pkg-config. A sanitized build installs a library that ordinary programs cannot
-# load, so the check runs on plain builds only.
-if(NOT sanitized)
-  add_test(NAME package_install_and_consume
-    COMMAND ${LARKPOST_SYSTEM_PYTHON} ${script_dir}/package_test.py
-      --cmake ${CMAKE_COMMAND} --build-dir ${PROJECT_BINARY_DIR} --source-dir ${PROJECT_SOURCE_DIR}
-      --config $<CONFIG>)
-  set_tests_properties(package_install_and_consume PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE)
+# Install to a temporary prefix and build consumers against it (find_package, pkg-config), and a
+# host that adds the source tree with add_subdirectory. A sanitized build installs a library
+# that ordinary programs cannot load, so this runs on plain builds only.
+if(NOT LARKPOST_SANITIZE)
+  add_test(NAME package_install_and_consume COMMAND ${hosts_test} Package)
+  set_tests_properties(package_install_and_consume PROPERTIES
+    ENVIRONMENT "LARKPOST_CMAKE=${CMAKE_COMMAND};LARKPOST_BUILD_DIR=${PROJECT_BINARY_DIR}"
+    TIMEOUT 600 RUN_SERIAL TRUE)
 endif()
 
 # The command's helpers are tested in C++ as well.

@@ -1,74 +1,61 @@
-// TcpStream.ReadLine over arbitrary bytes in arbitrary chunks: the lines come back exactly as
-// sent, split only at CR LF, whatever the chunking; a line left without its CR LF when the peer
-// closes ends in the time-out error, and the stream stays usable for a new connection.
-//
-// Input: one byte N, then N chunk sizes of one byte each, then the bytes the peer sends.
-#include <cstdint>
-#include <string>
+// TcpStream.ReadLine over any bytes in any chunks, one arrival a pump: the lines are exactly the
+// pieces between CR LF; a part-line left when the peer closes ends in the time-out error after
+// every whole line; a new connection of the same stream reads only its own peer's line.
+// Input: a byte N, N chunk sizes (0: a small one), then the bytes the peer sends.
+#include <functional>
 #include <vector>
 
 #include "fuzz_support.h"
 #include "larkpost/error.h"
 #include "larkpost/tcp_stream.h"
 #include "platform/codepage.h"
+#include "support/fake_socket_control.h"
 
 using namespace larkpost;
+using test::FakeEvent;
 
-// Five seconds of scaled ticks (half the per-input limit): long enough that only real silence
-// ends a wait, even on a machine so busy that a pump stalls for a second.
-constexpr int32_t kGenerousTicks = 50000;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::UseFastTime();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return fuzz::UseFastTime(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    if (size == 0) return 0;
-    const std::size_t chunkCount = std::min<std::size_t>(data[0], size - 1);
-    fuzz::ScriptedControl::Script script;
-    for (std::size_t i = 0; i < chunkCount; ++i) script.chunkSizes.push_back(data[1 + i]);
-    script.chunkSize = 1 + size % 7;  // after the chosen sizes, small ones
-    const std::string bytes(reinterpret_cast<const char*>(data) + 1 + chunkCount, size - 1 - chunkCount);
-    script.segments = {bytes};
+    const std::size_t sizes = size ? std::min<std::size_t>(data[0], size - 1) : 0;
+    const std::string bytes(reinterpret_cast<const char*>(data) + sizes + 1,
+                            size ? size - sizes - 1 : 0);
+    std::vector<std::u16string> lines;
+    for (std::size_t start = 0, end; (end = bytes.find("\r\n", start)) != bytes.npos;
+         start = end + 2)
+        lines.push_back(detail::FromAnsi(bytes.substr(start, end - start)));
 
-    std::u16string rest;
-    const std::vector<std::u16string> expected = fuzz::SplitCrlf(detail::FromAnsi(bytes), rest);
-
-    fuzz::ScriptedNetwork network;
-    network.Next(script);
+    test::FakeSocketFactory sockets;
     TcpStream stream;
     stream.Connect("peer.example", 25);
-
+    auto control = sockets.Last();
+    std::size_t at = 0, chunk = 0;
+    std::function<void()> arrive = [&] {  // a chunk a pump, then the close
+        const std::size_t n = chunk < sizes && data[1 + chunk] ? data[1 + chunk] : 1 + size % 7;
+        ++chunk;
+        control->Post(at >= bytes.size() ? test::FakeScript{FakeEvent::Closed()}
+                                         : test::FakeScript{FakeEvent::Arrival(bytes.substr(at, n)),
+                                                            FakeEvent::Run(arrive)});
+        at += n;
+    };
+    arrive();
     std::size_t read = 0;
-    // Bounded: one read per expected line and one more that must fail.
-    for (std::size_t attempt = 0; attempt <= expected.size(); ++attempt) {
-        // Ticks are wall-clock time: a busy machine can let one fall due in the same pump as
-        // an arrival that came in time. While lines remain the limit is generous (a second);
-        // only the read that must find silence gets the shortest one.
-        stream.ResponseTimeout = read < expected.size() ? kGenerousTicks : 0;
-        try {
+    try {
+        for (; read <= lines.size(); ++read) {  // one read past the lines, which must fail
+            // Five seconds of scaled ticks for the reads that must see data: only real silence
+            // ends them, even when a busy machine stalls a pump.
+            stream.ResponseTimeout = read < lines.size() ? 50000 : 0;
             const std::u16string line = stream.ReadLine();
-            FUZZ_CHECK(read < expected.size());
-            FUZZ_CHECK(line == expected[read]);
-            ++read;
-        } catch (const RaisedError& error) {
-            // Only after every complete line, and only because the peer went quiet.
-            FUZZ_CHECK(read == expected.size());
-            FUZZ_CHECK(error.Number() == ERROR_RESPONSE_TIMEOUT);
-            break;
+            assert(read < lines.size() && line == lines[read]);
         }
+    } catch (const RaisedError& error) {
+        assert(error.Number() == ERROR_RESPONSE_TIMEOUT);
     }
-    FUZZ_CHECK(read == expected.size());
+    assert(read == lines.size());
 
-    // The same stream on a new connection: the first line is the new peer's, and nothing that
-    // the old connection left unread comes first.
-    fuzz::ScriptedControl::Script next;
-    next.segments = {"fresh\r\n"};
-    next.silentAtEnd = true;
-    network.Next(next);
+    sockets.NextConnect({FakeEvent::Connected(), FakeEvent::Arrival("fresh\r\n")});
     stream.Connect("peer.example", 25);
-    stream.ResponseTimeout = kGenerousTicks;
-    FUZZ_CHECK(stream.ReadLine() == u"fresh");
+    stream.ResponseTimeout = 50000;
+    assert(stream.ReadLine() == u"fresh");
     return 0;
 }

@@ -1,109 +1,52 @@
 #!/usr/bin/python3
-"""A real SMTP server for the tests: aiosmtpd on loopback, storing every message it accepts.
-
-Run with Debian's /usr/bin/python3 (python3-aiosmtpd):
-
-    smtp_server.py --dir DIR [--port 0] [--auth-user U --auth-password P [--auth LOGIN,PLAIN]]
-                   [--size N]
-
-Prints the bound port on its own line once it listens. Each accepted message becomes two files
-in DIR: NNNN.eml (the DATA bytes as received, dot-unstuffed) and, written last, NNNN.envelope with
-one "key value" line each: mail_from, rcpt_to (one per recipient), and after a login
-auth_mechanism and auth_login. With --auth-user the
-server requires AUTH with exactly those credentials before MAIL FROM. --size announces SIZE N
-and refuses larger data; without it no SIZE is announced.
-"""
-
-import argparse
-import asyncio
-import logging
-import os
-import signal
-import sys
-import warnings
+"""A real SMTP server for the tests: Debian's aiosmtpd on loopback, keeping what it accepts.
+smtp_server.py --dir DIR [--port 0] [--auth-user U --auth-password P [--auth LOGIN,PLAIN]] [--size N]
+prints its port once it listens. Each message becomes DIR/NNNN.eml (the data as received), then
+DIR/NNNN.envelope: "mail_from A", "rcpt_to A" for each recipient and, after a login, "auth_mechanism M"
+and "auth_login U". --auth-user requires a login with those credentials; --size announces SIZE N."""
+import argparse, asyncio, ctypes, logging, os, signal, warnings  # noqa: E401
 
 from aiosmtpd.smtp import SMTP, AuthResult, LoginPassword
 
+options = argparse.ArgumentParser()
+for flag in ("--dir", "--port", "--auth-user", "--auth-password", "--auth", "--size"):
+    options.add_argument(flag, type=int if flag in ("--port", "--size") else str)
+args = options.parse_args()
+# Ends with the process that started it, even one killed at a time-out: an orphan would hold the
+# test runner's output open.
+ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
+logging.getLogger("mail.log").setLevel(logging.CRITICAL)
+warnings.simplefilter("ignore")  # plain AUTH without TLS is what the tests want
 
-class StoringHandler:
-    def __init__(self, directory):
-        self.directory = directory
-        self.count = 0
+
+class Store:
+    count = 0
 
     async def handle_DATA(self, server, session, envelope):
         self.count += 1
-        base = os.path.join(self.directory, "%04d" % self.count)
-        with open(base + ".eml.tmp", "wb") as f:
-            f.write(envelope.content)
-        os.rename(base + ".eml.tmp", base + ".eml")
-        auth = getattr(session, "auth_data", None)
-        lines = ["mail_from " + envelope.mail_from]
-        lines += ["rcpt_to " + rcpt for rcpt in envelope.rcpt_tos]
-        if isinstance(auth, LoginPassword):
-            lines.append("auth_mechanism " + getattr(session, "larkpost_mechanism", ""))
-            lines.append("auth_login " + auth.login.decode("latin-1"))
-        with open(base + ".envelope.tmp", "w", encoding="latin-1") as f:
-            f.write("\n".join(lines) + "\n")
-        os.rename(base + ".envelope.tmp", base + ".envelope")
+        lines = ["mail_from " + envelope.mail_from] + ["rcpt_to " + r for r in envelope.rcpt_tos]
+        if session.authenticated:
+            lines += ["auth_mechanism " + session.mechanism, "auth_login " + session.auth_data.login.decode("latin-1")]
+        for suffix, data in ((".eml", envelope.content), (".envelope", "".join(l + "\n" for l in lines).encode())):
+            path = os.path.join(args.dir, "%04d%s" % (self.count, suffix))
+            with open(path + ".tmp", "wb") as f:
+                f.write(data)
+            os.rename(path + ".tmp", path)  # whole files only
         return "250 2.0.0 Message accepted"
 
 
-def make_authenticator(user, password):
-    expected = LoginPassword(user.encode("latin-1"), password.encode("latin-1"))
-
-    def authenticate(server, session, envelope, mechanism, auth_data):
-        if isinstance(auth_data, LoginPassword) and auth_data == expected:
-            session.larkpost_mechanism = mechanism
-            return AuthResult(success=True, auth_data=auth_data)
-        return AuthResult(success=False, handled=False)
-
-    return authenticate
+def authenticate(server, session, envelope, mechanism, login):
+    session.mechanism = mechanism
+    expected = LoginPassword(*(value.encode("latin-1") for value in (args.auth_user or "", args.auth_password or "")))
+    return AuthResult(success=bool(args.auth_user) and login == expected, handled=False, auth_data=login)
 
 
-def main():
-    # Plain AUTH without TLS is what these tests want; keep the server quiet about it.
-    warnings.simplefilter("ignore")
-    logging.getLogger("mail.log").setLevel(logging.ERROR)
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--dir", required=True)
-    parser.add_argument("--port", type=int, default=0)
-    parser.add_argument("--auth-user")
-    parser.add_argument("--auth-password")
-    parser.add_argument("--auth", default="LOGIN,PLAIN", help="mechanisms offered")
-    parser.add_argument("--size", type=int, default=None)
-    args = parser.parse_args()
-
-    offered = {m.strip().upper() for m in args.auth.split(",") if m.strip()}
-    excluded = [m for m in ("LOGIN", "PLAIN") if m not in offered]
-    handler = StoringHandler(args.dir)
-    requires_auth = args.auth_user is not None
-
-    def factory():
-        return SMTP(
-            handler,
-            hostname="larkpost-test",
-            data_size_limit=args.size,
-            auth_require_tls=False,
-            auth_required=requires_auth,
-            auth_exclude_mechanism=excluded,
-            authenticator=make_authenticator(args.auth_user or "", args.auth_password or "")
-            if requires_auth else (lambda *a: AuthResult(success=False, handled=False)),
-        )
-
-    loop = asyncio.new_event_loop()
-    asyncio.set_event_loop(loop)
-    server = loop.run_until_complete(loop.create_server(factory, "127.0.0.1", args.port))
-    print(server.sockets[0].getsockname()[1], flush=True)
-    loop.add_signal_handler(signal.SIGTERM, loop.stop)
-    loop.add_signal_handler(signal.SIGINT, loop.stop)
-    try:
-        loop.run_forever()
-    finally:
-        server.close()
-        loop.run_until_complete(server.wait_closed())
-        loop.close()
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+loop, store = asyncio.new_event_loop(), Store()
+server = loop.run_until_complete(loop.create_server(lambda: SMTP(
+    store, hostname="larkpost-test", data_size_limit=args.size, auth_require_tls=False, authenticator=authenticate,
+    auth_required=bool(args.auth_user), auth_exclude_mechanism=[m for m in ("LOGIN", "PLAIN") if m not in (
+        args.auth or "LOGIN,PLAIN").upper()]), "127.0.0.1", args.port or 0))
+print(server.sockets[0].getsockname()[1], flush=True)
+for stop in (signal.SIGTERM, signal.SIGINT):
+    loop.add_signal_handler(stop, loop.stop)
+loop.run_forever()

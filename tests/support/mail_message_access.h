@@ -2,33 +2,25 @@
 #ifndef LARKPOST_TESTS_MAIL_MESSAGE_ACCESS_H
 #define LARKPOST_TESTS_MAIL_MESSAGE_ACCESS_H
 
-#include <memory>
-#include <string>
-
 #include "larkpost/mail_message.h"
-#include "message/keyed_collection.h"
+#include "message/mail_message_impl.h"
+#include "platform/impl_access.h"
 
 namespace larkpost::detail {
-
 struct MailMessageAccess {
-    static std::shared_ptr<KeyedCollection> Recipients(const MailMessage& m) {
-        return m.Recipients();
+    using List = std::shared_ptr<KeyedCollection>;
+    static MailMessageImpl& Of(const MailMessage& m) { return ImplAccess::Of(m); }
+    static List Recipients(const MailMessage& m) { return Of(m).recipients; }
+    static List CCRecipients(const MailMessage& m) { return Of(m).ccRecipients; }
+    static List BCCRecipients(const MailMessage& m) { return Of(m).bccRecipients; }
+    static List Attachments(const MailMessage& m) { return Of(m).attachments; }
+    static const std::u16string& BuildMessage(MailMessage& m) { return Of(m).BuildMessage(); }
+    // The change flag and the cached text, for checking what an operation leaves behind.
+    static bool Changed(const MailMessage& m) { return Of(m).changed; }
+    static const std::u16string& CachedMessage(const MailMessage& m) {
+        return *Of(m).cachedMessage;
     }
-    static std::shared_ptr<KeyedCollection> CCRecipients(const MailMessage& m) {
-        return m.CCRecipients();
-    }
-    static std::shared_ptr<KeyedCollection> BCCRecipients(const MailMessage& m) {
-        return m.BCCRecipients();
-    }
-    static std::shared_ptr<KeyedCollection> Attachments(const MailMessage& m) {
-        return m.Attachments();
-    }
-    static const std::u16string& BuildMessage(MailMessage& m) { return m.BuildMessage(); }
-    // The change flag and the cache, for checking what an operation leaves behind.
-    static bool Changed(const MailMessage& m) { return m.m_changed; }
-    static const std::u16string& CachedMessage(const MailMessage& m) { return *m.m_cachedMessage; }
 };
-
 }  // namespace larkpost::detail
 
 #endif

@@ -1,45 +1,29 @@
-// Child processes for tests: run a command to its end, or keep a server running for a test.
+// Child processes and files for tests.
 #ifndef LARKPOST_TESTS_PROCESS_H
 #define LARKPOST_TESTS_PROCESS_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace larkpost::test {
 
+inline constexpr const char* kSystemPython = "/usr/bin/python3";  // Debian's, with aiosmtpd
+
 struct ProcessResult {
-    int exitCode = -1;  // -1 when it was killed or timed out
-    std::string out;
-    std::string err;
+    int exitCode = -1;  // -1 when a signal (the time limit's) ended it
+    std::string out, err;
 };
 
-// Runs argv[0] with the arguments, feeding input on stdin; kills it after the limit.
+// Runs argv with input on its stdin; killed at the limit.
 ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string& input = {},
                          std::chrono::milliseconds limit = std::chrono::seconds(60));
-
-// Debian's Python (aiosmtpd lives there, not in other interpreters on PATH).
-inline constexpr const char* kSystemPython = "/usr/bin/python3";
-
-// A background process whose stdout is read line by line; killed when this object goes.
-class BackgroundProcess {
-public:
-    explicit BackgroundProcess(const std::vector<std::string>& argv);
-    ~BackgroundProcess();
-    BackgroundProcess(const BackgroundProcess&) = delete;
-    BackgroundProcess& operator=(const BackgroundProcess&) = delete;
-
-    // The next line of its stdout, or empty after the limit or at its end.
-    std::string ReadLine(std::chrono::milliseconds limit = std::chrono::seconds(20));
-    void Stop();
-    pid_t Pid() const { return m_pid; }
-
-private:
-    pid_t m_pid = -1;
-    int m_out = -1;
-    std::string m_buffer;
-};
+// Starts argv in a process group of its own, with stdin, stdout and stderr from these files.
+pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& files = {});
+// Waits for pid; at the limit signals its group, 5 s later kills it. The exit status or -1.
+int WaitFor(pid_t pid, std::chrono::milliseconds limit, int signal);
 
 // A fresh empty directory under the system's temporary directory, removed with this object.
 class TempDir {

@@ -1,4 +1,4 @@
-// Raised: the RaisedError a call throws, or a test failure when it throws none.
+// Raised: the RaisedError a call throws; a test failure (and error 0) when it throws none.
 #ifndef LARKPOST_TESTS_RAISED_H
 #define LARKPOST_TESTS_RAISED_H
 

@@ -1,83 +1,48 @@
-// ScriptedPeer: a loopback TCP server on its own thread that plays a fixed script against the
-// client under test and records every byte it receives. Every step is bounded in time.
-//
-//   ScriptedPeer peer;
-//   peer.Send("220 ready\r\n").ExpectLine().Send("250 hi\r\n").ReadUntil("\r\n.\r\n").Close();
-//   peer.Start();
-//   ... client connects to 127.0.0.1:peer.Port() ...
-//   peer.Join();
-//   EXPECT_EQ(peer.Lines()[0], "EHLO host");
+// ScriptedPeer: a loopback TCP server that plays the server's side of a transcript on a thread
+// of its own and records every byte it receives. The transcript's items, split at "|":
+//   "< line"   the server sends the line with CR LF; "~ bytes" sends the bytes alone;
+//   "> line"   a line from the client: the peer reads on until it has come. "<host>" stands
+//              for this machine's name, "<text>" for a message text and its end (CR LF . CR
+//              LF), a leading "<slice>" for the text's first 512 characters;
+//   "!accept"  the next connection (the first is implicit); "!close" an orderly close (FIN),
+//   "!reset"   an abortive one (RST); "!wait" until the client closes.
+// Each step waits at most 10 s.
 #ifndef LARKPOST_TESTS_SCRIPTED_PEER_H
 #define LARKPOST_TESTS_SCRIPTED_PEER_H
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <functional>
+#include <future>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
+#include <string_view>
 
 namespace larkpost::test {
 
+// A loopback port that nobody listens on at this moment; whether one takes connections.
+int32_t FreeLoopbackPort();
+bool LoopbackListening(int32_t port);
+
 class ScriptedPeer {
 public:
-    ScriptedPeer();
+    explicit ScriptedPeer(std::string_view transcript, const std::string& text = {});
     ~ScriptedPeer();
-    ScriptedPeer(const ScriptedPeer&) = delete;
-    ScriptedPeer& operator=(const ScriptedPeer&) = delete;
-
     int32_t Port() const { return m_port; }
-
-    // Script steps, run in order once Start is called. The first steps wait for a connection.
-    ScriptedPeer& Accept();                          // waits for the next connection (implicit at the start)
-    ScriptedPeer& Send(std::string bytes);           // one write
-    ScriptedPeer& SendSlowly(std::string bytes, std::chrono::milliseconds gap);  // one byte a write
-    ScriptedPeer& ExpectLine();                      // reads up to and including the next CR LF
-    ScriptedPeer& ExpectLines(int count);
-    ScriptedPeer& ReadUntil(std::string terminator); // reads until the received bytes end with it
-    ScriptedPeer& Pause(std::chrono::milliseconds duration);
-    ScriptedPeer& Close();                           // orderly close (FIN)
-    ScriptedPeer& Reset();                           // abortive close (RST)
-    ScriptedPeer& WaitForClose();                    // reads until the client closes
-    // A dialogue: for each line the client sends, the reply from the list in turn.
-    ScriptedPeer& Reply(std::string reply) { return ExpectLine().Send(std::move(reply)); }
-
-    void Start();
-    // Waits (bounded) for the script to end; returns false if it did not finish in time.
-    bool Join(std::chrono::milliseconds limit = std::chrono::seconds(20));
-
-    // Everything received, over all connections, in order.
-    std::string Received() const;
-    // The lines read by ExpectLine/ExpectLines, without CR LF.
-    std::vector<std::string> Lines() const;
-    // The bytes received on connection n (0-based).
-    std::string ReceivedOn(std::size_t connection) const;
-    int Connections() const;
-    // Failures the script met (a step timed out, a read found the connection closed, ...).
-    std::vector<std::string> Problems() const;
+    // What the client must send over the whole transcript.
+    const std::string& Expected() const { return m_expected; }
+    // Waits (20 s at most) for the end of the script; then what the peer received, followed by
+    // what went wrong ("[...]": a step that timed out, a close too early, no end in time).
+    std::string Result();
 
 private:
-    using Step = std::function<bool()>;
-    bool ReadSome(std::chrono::milliseconds limit);
-    void Run();
-    void Note(std::string problem);
+    bool Run(char kind, const std::string& bytes);
+    long Receive();
 
-    int m_listenFd = -1;
-    int m_fd = -1;
     int32_t m_port = 0;
-    std::vector<Step> m_steps;
-    std::thread m_thread;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_finished = false;
-    std::string m_pending;  // received bytes not yet consumed by a step
-    std::string m_received;
-    std::vector<std::string> m_perConnection;
-    std::vector<std::string> m_lines;
-    std::vector<std::string> m_problems;
-    std::chrono::milliseconds m_stepLimit{10000};
+    int m_listen = -1, m_fd = -1;
+    std::string m_expected;
+    std::future<void> m_run;
+    std::mutex m_mutex;
+    std::string m_pending, m_received, m_problems;  // m_pending: not yet read by a step
 };
 
 }  // namespace larkpost::test

@@ -1,22 +1,15 @@
-// Whether the test runs under Valgrind, where everything is 20-50 times slower: tests that
-// depend on short time limits widen them, and long runs shrink their counts.
+// Whether the test runs under Valgrind, 20-50 times slower: time limits widen, long runs shrink.
 #ifndef LARKPOST_TESTS_UNDER_VALGRIND_H
 #define LARKPOST_TESTS_UNDER_VALGRIND_H
 
 #if __has_include(<valgrind/valgrind.h>)
 #include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
 #endif
 
 namespace larkpost::test {
-
-inline bool UnderValgrind() {
-#ifdef RUNNING_ON_VALGRIND
-    return RUNNING_ON_VALGRIND != 0;
-#else
-    return false;
-#endif
-}
-
+inline bool UnderValgrind() { return RUNNING_ON_VALGRIND != 0; }
 }  // namespace larkpost::test
 
 #endif

@@ -1,0 +1,311 @@
+// MailMessage: its exact text, what Python reads back, the recipient lists and their keys, the
+// search of AttachFile, and every way a file fails at the build and at SaveToFile.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "encoding/boundary.h"
+#include "larkpost/text.h"
+#include "message/attachment_search.h"
+#include "platform/clock.h"
+#include "platform/codepage.h"
+#include "platform/files.h"
+#include "support/mail_message_access.h"
+#include "support/process.h"
+#include "support/python_codec.h"
+#include "support/raised.h"
+
+namespace larkpost {
+namespace {
+
+namespace fs = std::filesystem;
+using Access = detail::MailMessageAccess;
+using Texts = std::vector<std::u16string>;
+using std::u16string, detail::BoundaryCounterForTesting;
+
+const u16string& Build(MailMessage& message) { return Access::BuildMessage(message); }
+Texts Items(const Access::List& list) { return {list->begin(), list->end()}; }
+int Descriptors() { return int(std::distance(fs::directory_iterator("/proc/self/fd"), {})); }
+std::string Fault(int32_t n, const std::string& text, std::string from = "Larkpost.MailMessage") {
+    return std::to_string(n) + " " + text + " [" + from + "]";
+}
+// What call raises, as Fault writes it; as nobody when asked and root (who may read anything).
+std::string What(const std::function<void()>& call, bool asNobody = false) {
+    const bool root = asNobody && ::geteuid() == 0;
+    if (root && ::seteuid(65534) != 0) ADD_FAILURE() << "cannot become nobody";
+    const RaisedError e = test::Raised(call);
+    if (root && ::seteuid(0) != 0) ADD_FAILURE() << "cannot become root again";
+    return Fault(e.Number(), ToUtf8(e.Description()), ToUtf8(e.Source()));
+}
+
+// With the timer at 36000.5 s and the counter at 0, the boundaries are _1_360005 and _2_360005.
+const u16string kB1 = u"--=-MessageBoundary_1_360005", kB2 = u"--=-MessageBoundary_2_360005";
+u16string Part(const u16string& type, const u16string& length, const u16string& text) {
+    return u"\r\n\r\n--" + kB2 + u"\r\nContent-Type: " + type +
+           u"\r\nContent-Transfer-Encoding: quoted-printable\r\nContent-Length: " + length +
+           u"\r\n\r\n" + text;
+}
+// The text whose rows up to the recipients are head, with these body parts and file parts.
+u16string Text(const u16string& head, const u16string& parts, const u16string& files = u"") {
+    return head + u"Content-Type: multipart/mixed;boundary=\"" + kB1 +
+           u"\"\r\nMIME-Version: 1.0\r\n\r\n\r\n--" + kB1 +
+           u"\r\nContent-Type: multipart/alternative;boundary=\"" + kB2 +
+           u"\"\r\nMIME-Version: 1.0\r\n\r\n" + parts + u"\r\n\r\n--" + kB2 + u"--\r\n" + files +
+           u"\r\n\r\n--" + kB1 + u"--\r\n";
+}
+
+// Every row of a text with each header, both bodies and a file.
+TEST(MessageText, EveryRowCharacterForCharacter) {
+    detail::SetSystemTimerForTesting([] { return 36000.5f; });
+    detail::SetBoundaryCounterForTesting(0);
+    test::TempDir dir;
+    MailMessage full;
+    full.SubjectLine(u"caf\u00E9 \u4E2D");  // values go unescaped
+    full.FromAddress(u"ann");
+    full.SenderName(u"A \"B\" C");
+    for (auto to : {u" b ", u"cid"}) full.AddRecipient(to);
+    full.AddCCRecipient(u"c");
+    for (auto bcc : {u"d", u"e"}) full.AddBCCRecipient(bcc);
+    full.Body(u16string(80, u'a'));  // Content-Length counts the soft line break
+    full.BodyHTML(u"<p>a.b</p>");
+    full.MimeType(u"");  // types the plain body, even empty
+    for (auto [name, bytes] : {std::pair{"e1.txt", ""}, {"a.txt", "hello"}, {"e2", ""}}) {
+        test::WriteFileBytes(dir.File(name), bytes);  // empty files get no part
+        full.AttachFile(dir.File(name));
+    }
+    EXPECT_EQ(ToUtf8(Build(full)),
+              ToUtf8(Text(u"Subject: caf\u00E9 \u4E2D\r\nFrom: \"A \"B\" C\" <ann>\r\n"
+                          u"To:  b ;cid\r\nCc: c\r\nBcc: d;e\r\n",
+                          Part(u"", u"83", u16string(75, u'a') + u"=\r\naaaaa") +
+                              Part(u"text/html; charset=iso-8859-1", u"12", u"<p>a=2Eb</p>"),
+                          u"\r\n\r\n--" + kB1 + u"\r\nContent-Type: text/plain;name=\"a.txt\"\r\n"
+                          u"Content-Transfer-Encoding: base64\r\n"
+                          u"Content-Disposition: attachment;filename=\"a.txt\"\r\n"
+                          u"Content-Length: 8\r\n\r\naGVsbG8=")));
+    EXPECT_EQ(BoundaryCounterForTesting(), 3);  // two boundaries, no more
+    detail::SetSystemTimerForTesting({});
+}
+
+// The saved file holds the built text, cut to its length; Python decodes every part back.
+TEST(MessageText, SavedFileIsTheTextAndPythonReadsEveryPartBack) {
+    test::TempDir dir;
+    std::string all, photo(300000, '\0');  // the photo spans three pieces of the encoder
+    for (int b = 0; b < 512; ++b) all += char(b);
+    for (uint32_t i = 0, x = 7; i < photo.size(); ++i) photo[i] = char((x = x * 69069 + 1) >> 24);
+    const std::string bin = "application/octet-stream", htm = "text/html", jpg = "image/jpeg";
+    const std::tuple<std::string, std::string, std::string> files[] = {  // name, bytes, type
+        {"one", "\x80", bin}, {"a.HTM", all, htm}, {"a.HTM", all, htm}, {"b.html", "c", htm},
+        {"c.jpeg", "c", jpg}, {".TxT", "c", "text/plain"}, {"d.txt.gz", "c", bin},
+        {"e.JPG", photo, jpg}};
+    MailMessage message;
+    message.FromAddress(u"ann");
+    message.Body(u".\r\n..dots\r\nblank \t\r\nFrom me\r\n" + u16string(80, u'x'));
+    std::string structure = "multipart/mixed(multipart/alternative(text/plain)";
+    for (const auto& [name, bytes, type] : files) {
+        test::WriteFileBytes(dir.File(name), bytes);
+        message.AttachFile(dir.File(name));
+        structure += "," + type;
+    }
+    test::WriteFileBytes(dir.File("saved.eml"), std::string(1 << 21, 'z'));
+    message.SaveToFile(dir.File("saved.eml"));
+    const std::string bytes = test::ReadFileBytes(dir.File("saved.eml"));
+    EXPECT_EQ(bytes, detail::ToAnsi(Build(message)));
+    const test::ParsedMime parsed = test::ParseMime(bytes);
+    EXPECT_EQ(parsed.defects, std::vector<std::string>{});
+    EXPECT_EQ(parsed.Header("From"), "ann");  // without a sender name; no empty Cc or Bcc row
+    EXPECT_EQ(parsed.headers.size(), 5u);
+    EXPECT_EQ(parsed.structure, structure + ")");
+    ASSERT_EQ(parsed.parts.size(), std::size(files) + 1);
+    // The line end closing an encoded body reads as one more line end of that body.
+    EXPECT_EQ(parsed.parts[0].payload, detail::ToAnsi(message.Body()) + "\r\n");
+    for (std::size_t i = 0; i < parsed.parts.size(); ++i) {
+        // Content-Length counts the encoded text with the CR LFs between its lines.
+        EXPECT_EQ(std::stoul(parsed.parts[i].contentLength.value()) + 2, parsed.parts[i].rawLength);
+        if (i == 0) continue;
+        EXPECT_EQ(parsed.parts[i].payload, std::get<1>(files[i - 1]));
+        EXPECT_EQ(parsed.parts[i].filename, std::get<0>(files[i - 1]));
+    }
+}
+
+// Failed calls change nothing, not even the cached text; a setter call or a removal drops it.
+TEST(MailMessageLists, FailuresChangeNothingAndKeysAreTheExactTextApartFromCase) {
+    MailMessage message;
+    detail::SetBoundaryCounterForTesting(10);
+    EXPECT_EQ(Build(message), u"");  // a new message has an empty text, and makes no boundary
+    // Only the space character makes a recipient blank; spaces around one make another key.
+    for (auto to : {u"\t", u" \r\n ", u"\u00A0", u" ann ", u"ann", u"b@x", u"ren\u00E9"})
+        message.AddRecipient(to);
+    message.AddCCRecipient(u"ann");  // the three lists are independent
+    message.AddBCCRecipient(u"dan");
+    const u16string copy = Build(message);
+    const std::pair<std::function<void()>, std::string> failures[] = {
+        {[&] { message.AddCCRecipient(u"   "); }, Fault(ERROR_BLANK_RECIPIENT, "Blank recipient")},
+        {[&] { message.AddRecipient(u"REN\u00C9"); },
+         Fault(ERROR_DUPLICATE_RECIPIENT, "'REN\u00C9' is already on the list")},
+        {[&] { message.AddBCCRecipient(u"DAN"); },
+         Fault(ERROR_DUPLICATE_RECIPIENT, "'DAN' is already on the list")},
+        {[&] { message.RemoveRecipient(u"dan"); }, Fault(5, "Invalid procedure call or argument")},
+        {[&] { message.RemoveCCRecipient(u"an"); }, Fault(5, "Invalid procedure call or argument")},
+        {[&] { message.AddRecipient("\xFF"); }, Fault(5, "Invalid UTF-8 text", "Larkpost")},
+        {[&] { message.AttachFile(u"/none/a"); },
+         Fault(ERROR_FILE_NOT_FOUND, "File /none/a not found. Cannot attach to message.")}};
+    for (const auto& [call, fault] : failures) EXPECT_EQ(What(call), fault);
+    EXPECT_FALSE(Access::Changed(message));
+    EXPECT_EQ(Build(message), copy);
+    EXPECT_EQ(BoundaryCounterForTesting(), 12);  // served from the cache
+    message.MimeType(message.MimeType());  // the value already held also counts as a change
+    EXPECT_TRUE(Access::Changed(message));
+    EXPECT_NE(Build(message), copy);
+    message.RemoveRecipient(u"B@X");
+    EXPECT_TRUE(Access::Changed(message));
+    message.AddRecipient(u"b@x");  // to the end now
+    message.RemoveCCRecipient(u"ANN");
+    EXPECT_EQ(Items(Access::Recipients(message)),
+              (Texts{u"\t", u" \r\n ", u"\u00A0", u" ann ", u"ann", u"ren\u00E9", u"b@x"}));
+    EXPECT_EQ(Items(Access::CCRecipients(message)), Texts{});
+    EXPECT_EQ(Items(Access::BCCRecipients(message)), Texts{u"dan"});
+    // Keys fold the letters of Latin-1, Latin Extended-A, basic Greek and Cyrillic one to one.
+    EXPECT_EQ(detail::FoldKeyCase(u"AZ@[\u00C0\u00DE\u00D7\u00DF\u0100\u014A\u0130\u0131\u017F"
+                                  u"\u0178\u03A3\u03C2\u038F\u0401\u042F\uFF21"),
+              u"az@[\u00E0\u00FE\u00D7\u00DF\u0101\u014B\u0130\u0131\u017F"
+              u"\u00FF\u03C3\u03C3\u03CE\u0451\u044F\uFF21");
+}
+
+TEST(AttachFile, FindsPlainFilesAndLinksToThemWithWildcardsInTheLastElement) {
+    test::TempDir dir;
+    MailMessage message;
+    for (auto name : {"sub.dat", "x*"}) fs::create_directory(dir.File(name));
+    for (auto name : {"a.txt", ".hid", ".s.txt", "x*/in", "\xF0\x9F\x98\x80.t"})
+        test::WriteFileBytes(dir.File(name), "");
+    fs::create_symlink(dir.File("a.txt"), dir.File("link.txt"));
+    ASSERT_EQ(::mkfifo(dir.File("fifo").c_str(), 0600), 0);
+    // Stored as given, wildcards kept; an exact name finds a dot file; a surrogate pair is one "?".
+    Texts found;
+    for (auto name : {"a.txt", "/./a.txt", "link.txt", ".hid", "*.t*t", "l?nk.t*", ".*", "x*/in",
+                      "?.t"}) {
+        found.push_back(FromUtf8(dir.File(name)));
+        message.AttachFile(found.back());
+    }
+    // No plain file; a wildcard meeting a directory, a dot file, another case; "[" is no class.
+    for (const std::string& path :
+         {std::string(), dir.Path() + "/", dir.File("sub.dat"), dir.File("missing.txt"),
+          dir.File("fifo"), dir.File("*.dat"), dir.File("?s.txt"), dir.File("*.TXT"),
+          dir.File("*/in"), dir.File("??.t"), dir.File("[a]?txt")})
+        EXPECT_EQ(What([&] { message.AttachFile(path); }),
+                  Fault(ERROR_FILE_NOT_FOUND, "File " + path + " not found. Cannot attach to "
+                                                               "message."));
+    EXPECT_EQ(Items(Access::Attachments(message)), found);
+}
+
+// A file that fails at the build stops it: the first in list order is named, the old text stays,
+// the boundaries are used up, no descriptor stays open. SaveToFile opens its file before that.
+TEST(FileFailures, NameTheCauseAndLoseNothing) {
+    ::alarm(60);  // a build or save blocked on a FIFO ends the test
+    test::TempDir dir;
+    const std::string victim = dir.File("victim"), pattern = dir.File("vic*");
+    MailMessage message;
+    for (const auto& path : {dir.File("good"), victim}) {
+        test::WriteFileBytes(path, "first");
+        message.AttachFile(path);
+    }
+    const u16string cached = Build(message);
+    message.AttachFile(pattern);  // found now; the build opens the path as stored: no such file
+    auto expectFails = [&](const std::function<void()>& call, const std::string& fault,
+                           bool asNobody = false, int boundaries = 2) {
+        const int descriptors = Descriptors(), counter = BoundaryCounterForTesting();
+        EXPECT_EQ(What(call, asNobody), fault);
+        EXPECT_EQ(Descriptors(), descriptors);
+        EXPECT_TRUE(Access::Changed(message));
+        EXPECT_EQ(Access::CachedMessage(message), cached);
+        EXPECT_EQ(BoundaryCounterForTesting(), counter + boundaries);
+    };
+    auto attach = [](const std::string& path, const std::string& cause, const char* save = "") {
+        return Fault(ERROR_ATTACHMENT_FAILED,
+                     save + ("Error attaching file '" + path + "'. (Details: " + cause + ")"));
+    };
+    // What stands in the file's place decides the cause; a FIFO fails at once.
+    const std::pair<std::string, std::function<void()>> kinds[] = {
+        {"File not found", [] {}},
+        {"Path/File access error", [&] { fs::create_directory(victim); }},
+        {"Path/File access error", [&] { ASSERT_EQ(::mkfifo(victim.c_str(), 0600), 0); }},
+        {"Path/File access error", [&] { fs::create_symlink(victim, victim); }}};
+    for (const auto& [cause, make] : kinds) {
+        fs::remove(victim);
+        make();
+        expectFails([&] { Build(message); }, attach(victim, cause));
+    }
+    // A failed build in SaveToFile leaves an existing file as it was, and a new one empty.
+    test::WriteFileBytes(dir.File("kept"), "precious");
+    for (auto path : {dir.File("kept"), dir.File("new")})
+        expectFails([&] { message.SaveToFile(path); },
+                    attach(victim, "Path/File access error", "Error in MailMessage.SaveToFile: "));
+    EXPECT_EQ(test::ReadFileBytes(dir.File("kept")), "precious");
+    EXPECT_EQ(test::ReadFileBytes(dir.File("new")), "");
+    fs::remove(victim);
+    test::WriteFileBytes(victim, "back");
+    expectFails([&] { Build(message); }, attach(pattern, "File not found"));
+    // Paths that cannot be opened fail before the build; a FIFO that nobody reads at once.
+    fs::permissions(dir.Path(), fs::perms::owner_all | fs::perms::others_exec);
+    fs::create_directory(dir.File("ro"));
+    fs::permissions(dir.File("ro"), fs::perms::owner_read | fs::perms::owner_exec);
+    ASSERT_EQ(::mkfifo(dir.File("fifo").c_str(), 0600), 0);
+    const std::string access = "Path/File access error", badName = "Bad file name or number";
+    const std::tuple<std::string, int32_t, std::string> paths[] = {
+        {dir.File("none/m"), 76, "Path not found"}, {dir.File("kept/m"), 76, "Path not found"},
+        {dir.File("ro/m"), 70, "Permission denied"}, {dir.File("n/"), 75, access},
+        {dir.File("fifo"), 75, access}, {"", 52, badName}, {std::string("a\0b", 3), 52, badName}};
+    for (const auto& [path, number, cause] : paths)
+        expectFails([&] { message.SaveToFile(FromUtf8(path)); },
+                    Fault(number, "Error in MailMessage.SaveToFile: " + cause), number == 70, 0);
+    // A device is written, not truncated; a full one fails the write after the build, which stays.
+    MailMessage other;
+    other.SubjectLine(u"x");
+    const int descriptors = Descriptors();
+    other.SaveToFile(u"/dev/null");
+    EXPECT_EQ(What([&] { other.SaveToFile(u"/dev/full"); }),
+              Fault(61, "Error in MailMessage.SaveToFile: Disk full"));
+    EXPECT_FALSE(Access::Changed(other));
+    EXPECT_EQ(Descriptors(), descriptors);
+    ::alarm(0);
+}
+
+// A file step that the system fails reaches the host with its number, from the step that failed;
+// once the fault is gone the same message saves.
+TEST(FileFailures, EachInjectedStepFailsWithItsNumber) {
+    using detail::FileStep;
+    test::TempDir dir;
+    const std::string file = dir.File("a.txt"), save = "Error in MailMessage.SaveToFile: ";
+    const std::string attach = save + "Error attaching file '" + file + "'. (Details: ";
+    test::WriteFileBytes(file, "attached");
+    const std::tuple<FileStep, int, int, std::string> faults[] = {  // step, its nth call, errno
+        {FileStep::Open, 1, EACCES, Fault(70, save + "Permission denied")},
+        {FileStep::Open, 2, EMFILE, Fault(ERROR_ATTACHMENT_FAILED, attach + "Too many files)")},
+        {FileStep::Open, 3, ENOENT, Fault(ERROR_ATTACHMENT_FAILED, attach + "File not found)")},
+        {FileStep::Read, 1, EIO, Fault(ERROR_ATTACHMENT_FAILED, attach + "Device I/O error)")},
+        {FileStep::Write, 1, ENOSPC, Fault(61, save + "Disk full")},
+        {FileStep::Truncate, 1, EFBIG, Fault(75, save + "Path/File access error")},
+        {FileStep::Close, 1, EIO, Fault(57, save + "Device I/O error")},
+        {FileStep::Search, 1, EIO,
+         Fault(ERROR_FILE_NOT_FOUND, "File " + file + " not found. Cannot attach to message.")}};
+    for (const auto& [step, nth, err, fault] : faults) {
+        MailMessage message;
+        if (step != FileStep::Search) message.AttachFile(file);
+        int seen = 0;
+        detail::SetFileFaultForTesting([&](FileStep s) { return s == step && ++seen == nth ? err : 0; });
+        EXPECT_EQ(What([&] {
+                      if (step == FileStep::Search) message.AttachFile(file);
+                      else message.SaveToFile(dir.File("m.eml"));
+                  }),
+                  fault);
+        detail::SetFileFaultForTesting({});
+        message.AttachFile(file);
+        message.SaveToFile(dir.File("m.eml"));
+        EXPECT_NE(test::ReadFileBytes(dir.File("m.eml")).find("YXR0YWNoZWQ="), std::string::npos);
+    }
+}
+
+}  // namespace
+}  // namespace larkpost

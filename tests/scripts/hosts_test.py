@@ -1,0 +1,272 @@
+"""Larkpost as its hosts meet it, one CTest test per class (tests/scripts.cmake): CInterface, Python
+through ctypes; Command, the larkpost command; Package, the installed package and add_subdirectory.
+Real aiosmtpd servers on loopback; messages read back by Python's email package."""
+import contextlib, ctypes, email, email.policy, glob, os, pathlib, pty, re, select, signal, socket  # noqa: E401
+import shutil, subprocess, tempfile, time, unittest  # noqa: E401
+
+from larkpost_ctypes import ERROR_BASE, EVENT, SEND_PROGRESS, LarkpostError, Library, declarations
+
+SOURCE, CLI = str(pathlib.Path(__file__).resolve().parents[2]), os.environ.get("LARKPOST_CLI", "")
+BASE = ["--from", "ann@example.org", "--to", "bob@example.org"]
+
+
+@contextlib.contextmanager
+def smtp_server(*args):
+    """Yields (port, messages): messages(n) waits up to 10 s for n, then gives [(raw, envelope lines)]."""
+    with tempfile.TemporaryDirectory() as tmp, subprocess.Popen(
+            ["/usr/bin/python3", SOURCE + "/tests/servers/smtp_server.py", "--dir", tmp, *args], stdout=subprocess.PIPE) as server:
+        def messages(expected=0):
+            for _ in range(200):
+                if len(names := sorted(glob.glob(tmp + "/*.envelope"))) >= expected:
+                    break
+                time.sleep(0.05)
+            return [(pathlib.Path(n[:-9] + ".eml").read_bytes(), pathlib.Path(n).read_text().splitlines()) for n in names]
+        try:
+            yield int(server.stdout.readline()), messages
+        finally:
+            server.terminate()
+
+
+def parse(raw):
+    return email.message_from_bytes(raw, policy=email.policy.default)
+
+
+def body(parsed, subtype="plain"):  # decoded; the format ends a part with a line end of its own
+    return parsed.get_body((subtype,)).get_content()
+
+
+def refused_port():
+    with socket.socket() as s:
+        return s.bind(("127.0.0.1", 0)) or s.getsockname()[1]
+
+
+def run(*command, stdin=None, env=None, check=False):
+    """Without LARKPOST_PASSWORD, in a session of its own: no terminal to ask a password on."""
+    env = dict({k: v for k, v in os.environ.items() if k != "LARKPOST_PASSWORD"}, **(env or {}))
+    result = subprocess.run(command, input=stdin, capture_output=True, env=env, timeout=300, start_new_session=True)
+    assert not check or result.returncode == 0, (command, result.stdout[-3000:], result.stderr[-3000:])
+    return result
+
+
+class CInterface(unittest.TestCase):
+    def setUp(self):
+        self.c = Library()  # binds every declared function: one not exported fails here
+        self.assertEqual((len(declarations()), self.c.lib.larkpost_library_version()), (59, b"1.0.0"))
+
+    def new(self, class_name, *calls):
+        handle = self.c.out("create", "Larkpost." + class_name, kind=ctypes.c_void_p)
+        self.addCleanup(self.c.lib.larkpost_release, handle)
+        for name, *args in calls:
+            self.c.call(name, handle, *args)
+        return handle
+
+    def raised(self, number, name, *args):
+        with self.assertRaises(LarkpostError) as caught:
+            self.c.call(name, *args)
+        self.assertEqual(caught.exception.number, number, caught.exception)
+        return caught.exception.description, caught.exception.source
+
+    def test_send_in_utf8_with_progress_to_python_that_may_cancel_from_the_callback(self):
+        text, events = "".join("café %04d\r\n" % i for i in range(300)), []
+        with smtp_server() as (port, messages):
+            client = self.new("MailClient", ("mail_client_set_server", "127.0.0.1"), ("mail_client_set_port", port),
+                              ("mail_client_connect", None, None))  # NULL credentials: the empty strings
+            message = self.new("MailMessage", ("mail_message_set_from_address", "ann@example.org"),
+                               ("mail_message_set_body", text), ("mail_message_add_recipient", "bob@example.org"),
+                               ("mail_message_set_mime_type", "text/plain; charset=windows-1252"))
+            self.assertEqual(self.c.text("mail_message_get_body", message), text)
+            callbacks = [SEND_PROGRESS(lambda user, *event: events.append(event)), EVENT(), EVENT()]
+            self.c.call("mail_client_set_events", client, *callbacks, None)
+            self.c.call("mail_client_send", client, message)
+            self.assertEqual(body(parse(messages(1)[0][0])), text + "\r\n")
+            total = events[-1][2]
+            self.assertEqual(events, [(message, min(512 * i, total), total) for i in range(1, len(events) + 1)])
+
+            events.clear()
+            callbacks = [SEND_PROGRESS(lambda *args: events.append(args[2]) or self.c.call("mail_client_cancel_send", client)),
+                         EVENT(lambda user: events.append("pending")), EVENT(lambda user: events.append("canceled"))]
+            self.c.call("mail_client_set_events", client, *callbacks, None)  # replaces the first set
+            self.c.call("mail_client_send", client, message)
+            self.assertEqual(events, [512, "pending", "canceled"])
+            self.assertEqual(self.raised(ERROR_BASE + 1000, "mail_client_send", client, message)[0], "Not connected.")
+            self.assertEqual(len(messages()), 1)
+
+    def test_tcp_stream_against_a_loopback_peer_and_numbered_errors(self):
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            stream = self.new("TcpStream", ("tcp_stream_connect", "127.0.0.1", listener.getsockname()[1]))
+            with listener.accept()[0] as peer:
+                peer.sendall(b"220 caf\xe9\r\nsecond line\r\n")  # Windows-1252 on the wire
+                self.assertEqual([self.c.text("tcp_stream_" + name, stream, *n) for name, *n in (("peek", 3), ("read", 4),
+                                  ("read_line",), ("read_to_end",))], ["220", "220 ", "café", "second line"])
+                self.c.call("tcp_stream_send_line", stream, "ping")
+                self.c.call("tcp_stream_flush", stream)
+                self.assertEqual(peer.recv(100), b"ping\r\n")
+        client = self.new("MailClient", ("mail_client_set_server", "127.0.0.1"), ("mail_client_set_port", refused_port()))
+        self.assertEqual(self.raised(10061, "mail_client_connect", client, None, None),
+                         ("The connection was refused by the remote host.", "Larkpost.TcpStream"))
+        self.assertEqual(self.raised(ERROR_BASE + 1000, "mail_message_attach_file", self.new("MailMessage"), "/no.pdf"),
+                         ("File /no.pdf not found. Cannot attach to message.", "Larkpost.MailMessage"))
+
+
+class Command(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="larkpost-cli-")
+        self.addCleanup(shutil.rmtree, self.dir)
+
+    def file(self, name, data=None):
+        if data is not None:
+            pathlib.Path(self.dir, name).write_bytes(data.encode() if isinstance(data, str) else data)
+        return os.path.join(self.dir, name)
+
+    def test_sends_with_the_password_from_the_environment_only_and_each_failure_has_its_status(self):
+        self.assertEqual((run(CLI, "--version").stdout, run(CLI).returncode), (b"larkpost 1.0.0\n", 2))
+        out, missing, lines = self.file("o.eml"), self.file("no.txt"), "".join("line %d\n" % i for i in range(300))
+        with smtp_server("--auth-user", "ann", "--auth-password", "pa ss", "--size", "20000") as (port, messages):
+            login = ["--server", "127.0.0.1", "--port", str(port), "--user", "ann"]
+            for args, status, number, fragment in [
+                    (["--to", "--cc", "x@example.org"], 2, 5, "option --to needs a value"),
+                    (["--save", out, *login[:2]], 2, 5, "leave out --server"),
+                    ([*login, "--password", "hunter2"], 2, 5, "no --password option"),
+                    ([*login, "--password-env", "NOPE"], 2, 5, "NOPE, but that environment variable is not set"),
+                    (login, 2, 5, "--user ann needs a password"),  # no terminal to ask on, in a session of its own
+                    (["--save", out, "--body", missing], 3, 53, "cannot read the body file '%s'" % missing),
+                    (["--save", out, "--html", "/no/dir/b.html"], 3, 76, "Path not found"),
+                    (["--save", out, "--body", self.file("latin1.txt", b"caf\xe9\n")], 3, 5, "not valid UTF-8"),
+                    (["--save", out, "--attach", "/no.pdf"], 3, "0xA38F03E8", "File /no.pdf not found."),
+                    (["--save", "/no/dir/o.eml"], 3, 76, "Error in MailMessage.SaveToFile: "),
+                    ([*login, "--password-env", "WRONG"], 4, "0xA38F07D1", "535 5.7.8 Authentication credentials invalid"),
+                    ([*login[:2], "--port", str(refused_port())], 4, 10061, "refused by the remote host. (server 127"),
+                    (["--save", out, "--cc", "  "], 5, "0xA38F0BB9", "Blank recipient"),
+                    (["--save", out, "--to", "BOB@example.org"], 5, "0xA38F0BBA", "'BOB@example.org' is already"),
+                    ([*login, "--password-env", "P", "--attach", self.file("big", "x" * 30000)], 5, "0xA38F07D6", "too large")]:
+                with self.subTest(args=args):
+                    result = run(CLI, *BASE, *args, env={"WRONG": "hunter2", "P": "pa ss"})
+                    self.assertEqual(result.returncode, status, result.stderr)
+                    self.assertRegex(result.stderr.decode(), "^larkpost: error %s: .*%s" % (number, re.escape(fragment)))
+                    self.assertNotIn(b"hunter2", result.stderr)
+            self.assertEqual((messages(), os.path.exists(out)), ([], False))
+            self.assertEqual(run(CLI, *BASE, *login, "--body", "-", "--bcc", "dee@example.org", stdin=lines.encode(),
+                                 env={"LARKPOST_PASSWORD": "pa ss"}).stderr.decode(),
+                             "larkpost: sent to 2 recipients through 127.0.0.1:%d\n" % port)
+            self.assertEqual(run(CLI, *BASE, *login, "--quiet", "--password-env", "P", env={"P": "pa ss"}).stderr, b"")
+            (raw, envelope), _ = messages(2)
+        self.assertEqual(envelope, ["mail_from ann@example.org", "rcpt_to bob@example.org", "rcpt_to dee@example.org",
+                                    "auth_mechanism LOGIN", "auth_login ann"])
+        self.assertEqual(body(parse(raw)), lines.replace("\n", "\r\n") + "\r\n")  # CR LF line ends
+
+    def test_saved_message_reads_back(self):
+        html, data, out = self.file("b.html", "<p>Hi</p>\n"), bytes(range(256)) * 4, self.file("out.eml")
+        result = run(CLI, *BASE, "--cc", "cid@example.org", "--sender-name", "Ann Lee", "--subject", "Figures", "--body",
+                     self.file("b.txt", "the café\n"), "--html", html, "--attach", self.file("d.bin", data), "--save", out)
+        self.assertEqual((result.returncode, result.stderr.decode()), (0, "larkpost: saved to %s\n" % out))
+        parsed = parse(pathlib.Path(out).read_bytes())
+        self.assertEqual([str(parsed[h]) for h in ("From", "To", "Cc", "Subject")],
+                         ["Ann Lee <ann@example.org>", "bob@example.org", "cid@example.org", "Figures"])
+        self.assertEqual((body(parsed), body(parsed, "html")), ("the café\r\n\r\n", "<p>Hi</p>\r\n\r\n"))
+        self.assertEqual(parsed.get_body(("plain",)).get_content_charset(), "windows-1252")
+        self.assertEqual([(a.get_filename(), a.get_content()) for a in parsed.iter_attachments()], [("d.bin", data)])
+
+    def run_on_terminal(self, port, text, interrupt=False):
+        """The command with its standard error on a terminal: the screen, and the exit status."""
+        leader, follower = pty.openpty()
+        process = subprocess.Popen([CLI, *BASE, "--server", "127.0.0.1", "--port", str(port), "--body",
+                                    self.file("body.txt", text)], stderr=follower, start_new_session=True)
+        os.close(follower)
+        screen = b""
+        with contextlib.suppress(OSError):  # the other end closed
+            while select.select([leader], [], [], 30)[0] and (chunk := os.read(leader, 4096)):
+                screen += chunk
+                if interrupt and b"Sending [" in screen:  # the text is on its way into the send buffer
+                    interrupt = process.send_signal(signal.SIGINT)  # once: it gives None
+        os.close(leader)
+        return screen, process.wait(10)
+
+    def test_progress_bar_on_a_terminal_and_ctrl_c_that_cancels_before_any_text_leaves(self):
+        with smtp_server() as (port, messages):
+            screen, status = self.run_on_terminal(port, "y" * 20000)
+            for part in (b"Sending [", b"100%", b"waiting for the server", b"\r\x1b[Klarkpost: sent to 1 recipient"):
+                self.assertIn(part, screen)
+            screen, status = self.run_on_terminal(port, "secret text\n" * 200000, interrupt=True)
+            self.assertEqual((status, b"larkpost: canceled" in screen, len(messages(1))), (130, True, 1), screen)
+
+    def test_ctrl_c_while_connecting_ends_at_once_and_an_attachment_gone_at_the_send_is_a_file_failure(self):
+        for interrupt in (True, False):
+            with socket.create_server(("127.0.0.1", 0)) as listener:
+                listener.settimeout(20)
+                process = subprocess.Popen([CLI, *BASE, "--server", "127.0.0.1", "--port", str(listener.getsockname()[1]),
+                                            "--attach", self.file("notes.txt", "notes")], stderr=subprocess.PIPE)
+                connection = listener.accept()[0]  # the attachment was found before the connection
+                connection.settimeout(20)
+                if interrupt:
+                    process.send_signal(signal.SIGINT)  # the command waits for the greeting
+                else:
+                    os.remove(self.file("notes.txt"))
+                    connection.sendall(b"220 ready\r\n")
+                    for line in connection.makefile("rb"):  # until the command closes
+                        connection.sendall(b"354 go\r\n" if line.startswith(b"DATA") else b"250 ok\r\n")
+                stderr = process.communicate(timeout=20)[1]
+                connection.close()
+            self.assertEqual(process.returncode, 130 if interrupt else 3, stderr)
+            self.assertIn(b"larkpost: canceled" if interrupt else b"larkpost: error 0xA38F0BB8: ", stderr)
+
+
+class Package(unittest.TestCase):
+    """cmake --install into a temporary prefix, and the consumers of what it put there."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp, cls.cmake = tempfile.mkdtemp(prefix="larkpost-package-"), os.environ["LARKPOST_CMAKE"]
+        cls.addClassCleanup(shutil.rmtree, cls.tmp)
+        run(cls.cmake, "--install", os.environ["LARKPOST_BUILD_DIR"], "--prefix", cls.tmp + "/prefix", check=True)
+        cls.lib = os.path.dirname(glob.glob(cls.tmp + "/prefix/lib*/**/liblarkpost.so", recursive=True)[0])
+
+    def test_library_headers_and_command_in_place_exporting_the_interface_only(self):
+        self.assertEqual([os.readlink(self.lib + "/liblarkpost.so" + s) for s in ("", ".1")],
+                         ["liblarkpost.so.1", "liblarkpost.so.1.0.0"])
+        self.assertIn(b"Library soname: [liblarkpost.so.1]", run("readelf", "-d", self.lib + "/liblarkpost.so").stdout)
+        self.assertEqual(set(os.listdir(self.tmp + "/prefix/include/larkpost")),
+                         set(os.listdir(SOURCE + "/include/larkpost") + ["version.h"]))
+        self.assertEqual(run(self.tmp + "/prefix/bin/larkpost", "--version").stdout, b"larkpost 1.0.0\n")
+        symbols = run("nm", "-D", "--defined-only", "--demangle", self.lib + "/liblarkpost.so").stdout.decode()
+        names = {line.split(" ", 2)[2] for line in symbols.splitlines() if line.count(" ") >= 2}
+        self.assertEqual({n for n in names if n.startswith("larkpost_")}, set(declarations()))
+        self.assertEqual([n for n in names if n.startswith("larkpost::detail::")], [])
+
+    def test_find_package_and_pkg_config_give_programs_that_run(self):
+        build = self.tmp + "/example"
+        run(self.cmake, "-S", SOURCE + "/examples", "-B", build, "-DCMAKE_PREFIX_PATH=" + self.tmp + "/prefix", check=True)
+        run(self.cmake, "--build", build, "-j2", check=True)
+        with smtp_server() as (port, messages):
+            output = run(build + "/send_mail", "127.0.0.1", str(port), "ann@example.org", "bob@example.org",
+                         "From the example", "Hello.\r\n", check=True).stdout
+            self.assertEqual(parse(messages(1)[0][0])["Subject"], "From the example")
+        self.assertTrue(output.startswith(b"progress ") and output.endswith(b"sent\n"), output)
+        env = {"PKG_CONFIG_PATH": self.lib + "/pkgconfig", "LD_LIBRARY_PATH": self.lib}
+        flags = run("pkg-config", "--cflags", "--libs", "larkpost", env=env, check=True).stdout.decode().split()
+        pathlib.Path(build, "version.c").write_text("#include <stdio.h>\n#include <larkpost/larkpost_c.h>\n"
+                                                    "int main(void) { return puts(larkpost_library_version()) < 0; }\n")
+        run("cc", "-std=c11", "-Wall", "-Werror", build + "/version.c", "-o", build + "/version", *flags, check=True)
+        self.assertEqual(run(build + "/version", env=env).stdout, b"1.0.0\n")
+
+    def test_a_host_keeps_its_build_type_and_flags_and_gets_no_tests_or_tools(self):
+        host, state = pathlib.Path(self.tmp, "host"), "${CMAKE_BUILD_TYPE}|$CACHE{CMAKE_BUILD_TYPE}|${CMAKE_CXX_FLAGS}|${BUILD_TESTING}"
+        host.mkdir()
+        (host / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.25)\nproject(Host CXX)\ninclude(CTest)\nset(before \"%s\")\n"
+            "add_subdirectory(%s larkpost)\nfile(WRITE ${CMAKE_BINARY_DIR}/seen.txt \"${before}\\n%s\\n\")\n"
+            "add_executable(host host.cpp)\ntarget_link_libraries(host PRIVATE larkpost::larkpost)\n" % (state, SOURCE, state))
+        (host / "host.cpp").write_text(
+            "#include <larkpost/larkpost.h>\n#if defined(NDEBUG) || !defined(HOST_FLAG)\n#error host settings lost\n#endif\n"
+            "int main() { return larkpost::CreateObject(\"Larkpost.TcpStream\").Is<larkpost::TcpStream>() ? 0 : 1; }\n")
+        for build in (host / "buildDebug", host / "build"):  # a build type of its own, then none
+            run(self.cmake, "-S", host, "-B", build, "-DCMAKE_BUILD_TYPE=" + build.name[5:], "-DCMAKE_CXX_FLAGS=-DHOST_FLAG",
+                check=True)
+            before, after = (build / "seen.txt").read_text().splitlines()
+            self.assertEqual(after, before)
+            self.assertEqual([d for d in ("tests", "tools", "bench") if (build / "larkpost" / d).exists()], [])
+        run(self.cmake, "--build", host / "buildDebug", "--target", "host", "-j2", check=True)
+        self.assertEqual(run(host / "buildDebug/host").returncode, 0)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
