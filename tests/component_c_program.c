@@ -9,7 +9,10 @@ static int errors = 0;
 #define CHECK(c) \
     (void)((c) || (fprintf(stderr, "%d: %s\n", __LINE__, larkpost_error_description()), errors++))
 
+enum { N = 2000 };
+
 int main(void) {
+    static larkpost_object *old[N], *live[N];
     larkpost_object *client = NULL, *message = NULL, *none = (larkpost_object*)&errors;
     const char* euro = "C \xE2\x82\xAC";
     char* text = NULL;
@@ -31,6 +34,24 @@ int main(void) {
     larkpost_release(message);
     larkpost_release(message); /* a released handle is passed over, and refused */
     CHECK(larkpost_mail_message_set_body(message, "x") == LARKPOST_ERROR_INVALID_ARGUMENT);
+    /* Released handles stay dead after new objects take their place: no call, retain or release
+     * through one reaches a new object. */
+    for (int i = 0; i < N; ++i) larkpost_create("Larkpost.StringBuilder", &old[i]);
+    for (int i = 0; i < N; ++i) larkpost_release(old[i]);
+    for (int i = 0; i < N; ++i)
+        CHECK(!larkpost_create("Larkpost.StringBuilder", &live[i]) &&
+              !larkpost_string_builder_append(live[i], "live"));
+    for (int i = 0; i < N; ++i) {
+        CHECK(larkpost_string_builder_clear(old[i]) == LARKPOST_ERROR_INVALID_ARGUMENT);
+        CHECK(strstr(larkpost_error_description(), "not a live Larkpost object"));
+        CHECK(!larkpost_retain(old[i]) && !larkpost_class_name(old[i]));
+        larkpost_release(old[i]);
+    }
+    for (int i = 0; i < N; ++i) {
+        CHECK(!larkpost_string_builder_get_contents(live[i], &text, NULL) && !strcmp(text, "live"));
+        larkpost_string_free(text);
+        larkpost_release(live[i]);
+    }
     larkpost_release(client);
     return errors != 0;
 }

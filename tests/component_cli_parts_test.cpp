@@ -1,10 +1,12 @@
 // The parts of the larkpost command that need no process: line ends, sizes, the progress line at
-// any width, options given inline, and the port's range.
+// any width, options given inline, the port's range, escaped control characters, exit statuses.
 #include <gtest/gtest.h>
 
 #if __has_include("cli_options.h")
 #include "cli_error.h"
 #include "cli_options.h"
+#include "control_escapes.h"
+#include "larkpost/error.h"
 #include "progress_bar.h"
 #include "text_input.h"
 
@@ -36,6 +38,16 @@ TEST(CommandParts, OptionsInlineAndPortsFrom1) {
         EXPECT_EQ(std::to_string(e.status) + std::to_string(e.number) + e.description,
                   "25option --port needs a whole number from 1 to 65535, not '0'");
     }
+}
+
+TEST(CommandParts, ControlCharactersEscapedAndStatusOfAnOversizedSend) {
+    // Printable UTF-8 stays; C0, DEL and C1 controls and bytes that are not UTF-8 are escaped.
+    EXPECT_EQ(EscapeControls(
+                  "caf\xc3\xa9 \xe2\x82\xac\xf0\x9f\x93\xa7\\x1b\x1b]0;t\x07\r\n\t\x7f\xc2\x9b"),
+              "caf\xc3\xa9 \xe2\x82\xac\xf0\x9f\x93\xa7\\x1b\\x1b]0;t\\x07\\r\\n\\t\\x7f\\u{9b}");
+    EXPECT_EQ(EscapeControls("\x9b\xc0\xaf\xed\xa0\x80\xe2\x82"),
+              "\\x9b\\xc0\\xaf\\xed\\xa0\\x80\\xe2\\x82");
+    EXPECT_EQ(StatusFor(Step::Send, ERROR_OVERFLOW), kExitMessage);  // longer than int32 counts
 }
 
 }  // namespace

@@ -172,13 +172,18 @@ TEST(MailMessageLists, FailuresChangeNothingAndKeysAreTheExactTextApartFromCase)
                                   u"\u0178\u03A3\u03C2\u038F\u0401\u042F\uFF21"),
               u"az@[\u00E0\u00FE\u00D7\u00DF\u0101\u014B\u0130\u0131\u017F"
               u"\u00FF\u03C3\u03C3\u03CE\u0451\u044F\uFF21");
+    // what() is a C string: a NUL of the description shows there as U+2400, the rest follows it.
+    message.AddCCRecipient(u16string(u"n\0l", 3));
+    const RaisedError nul = test::Raised([&] { message.AddCCRecipient(u16string(u"N\0L", 3)); });
+    EXPECT_EQ(nul.Description(), u16string(u"'N\0L' is already on the list", 28));
+    EXPECT_STREQ(nul.what(), "'N\u2400L' is already on the list");
 }
 
 TEST(AttachFile, FindsPlainFilesAndLinksToThemWithWildcardsInTheLastElement) {
     test::TempDir dir;
     MailMessage message;
     for (auto name : {"sub.dat", "x*"}) fs::create_directory(dir.File(name));
-    for (auto name : {"a.txt", ".hid", ".s.txt", "x*/in", "\xF0\x9F\x98\x80.t"})
+    for (auto name : {"a.txt", ".hid", ".s.txt", "x*/in", "\xF0\x9F\x98\x80.t", "c\r\n.\r\nMAIL", "d\x7F"})
         test::WriteFileBytes(dir.File(name), "");
     fs::create_symlink(dir.File("a.txt"), dir.File("link.txt"));
     ASSERT_EQ(::mkfifo(dir.File("fifo").c_str(), 0600), 0);
@@ -193,7 +198,8 @@ TEST(AttachFile, FindsPlainFilesAndLinksToThemWithWildcardsInTheLastElement) {
     for (const std::string& path :
          {std::string(), dir.Path() + "/", dir.File("sub.dat"), dir.File("missing.txt"),
           dir.File("fifo"), dir.File("*.dat"), dir.File("?s.txt"), dir.File("*.TXT"),
-          dir.File("*/in"), dir.File("??.t"), dir.File("[a]?txt")})
+          dir.File("*/in"), dir.File("??.t"), dir.File("[a]?txt"), dir.File("c\r\n.\r\nMAIL"),
+          dir.File("c*"), dir.File("d\x7F"), dir.File("d?")})  // control characters name no file
         EXPECT_EQ(What([&] { message.AttachFile(path); }),
                   Fault(ERROR_FILE_NOT_FOUND, "File " + path + " not found. Cannot attach to "
                                                                "message."));
@@ -256,7 +262,8 @@ TEST(FileFailures, NameTheCauseAndLoseNothing) {
     const std::tuple<std::string, int32_t, std::string> paths[] = {
         {dir.File("none/m"), 76, "Path not found"}, {dir.File("kept/m"), 76, "Path not found"},
         {dir.File("ro/m"), 70, "Permission denied"}, {dir.File("n/"), 75, access},
-        {dir.File("fifo"), 75, access}, {"", 52, badName}, {std::string("a\0b", 3), 52, badName}};
+        {dir.File("fifo"), 75, access}, {"", 52, badName}, {std::string("a\0b", 3), 52, badName},
+        {dir.File("a\r\nb"), 52, badName}};
     for (const auto& [path, number, cause] : paths)
         expectFails([&] { message.SaveToFile(FromUtf8(path)); },
                     Fault(number, "Error in MailMessage.SaveToFile: " + cause), number == 70, 0);
@@ -273,12 +280,14 @@ TEST(FileFailures, NameTheCauseAndLoseNothing) {
 }
 
 // A file step that the system fails reaches the host with its number, from the step that failed;
-// once the fault is gone the same message saves.
+// a save that fails leaves the old file whole and nothing beside it; once the fault is gone the
+// same message saves.
 TEST(FileFailures, EachInjectedStepFailsWithItsNumber) {
     using detail::FileStep;
     test::TempDir dir;
     const std::string file = dir.File("a.txt"), save = "Error in MailMessage.SaveToFile: ";
     const std::string attach = save + "Error attaching file '" + file + "'. (Details: ";
+    const std::string target = dir.File("m.eml"), old(100000, 'o');
     test::WriteFileBytes(file, "attached");
     const std::tuple<FileStep, int, int, std::string> faults[] = {  // step, its nth call, errno
         {FileStep::Open, 1, EACCES, Fault(70, save + "Permission denied")},
@@ -286,25 +295,59 @@ TEST(FileFailures, EachInjectedStepFailsWithItsNumber) {
         {FileStep::Open, 3, ENOENT, Fault(ERROR_ATTACHMENT_FAILED, attach + "File not found)")},
         {FileStep::Read, 1, EIO, Fault(ERROR_ATTACHMENT_FAILED, attach + "Device I/O error)")},
         {FileStep::Write, 1, ENOSPC, Fault(61, save + "Disk full")},
-        {FileStep::Truncate, 1, EFBIG, Fault(75, save + "Path/File access error")},
+        {FileStep::Write, 2, EFBIG, Fault(75, save + "Path/File access error")},
         {FileStep::Close, 1, EIO, Fault(57, save + "Device I/O error")},
+        {FileStep::Replace, 1, EACCES, Fault(70, save + "Permission denied")},
         {FileStep::Search, 1, EIO,
          Fault(ERROR_FILE_NOT_FOUND, "File " + file + " not found. Cannot attach to message.")}};
     for (const auto& [step, nth, err, fault] : faults) {
         MailMessage message;
         if (step != FileStep::Search) message.AttachFile(file);
+        message.Body(u16string(70000, u'b'));  // more than one piece of writing
+        test::WriteFileBytes(target, old);
         int seen = 0;
         detail::SetFileFaultForTesting([&](FileStep s) { return s == step && ++seen == nth ? err : 0; });
         EXPECT_EQ(What([&] {
                       if (step == FileStep::Search) message.AttachFile(file);
-                      else message.SaveToFile(dir.File("m.eml"));
+                      else message.SaveToFile(target);
                   }),
                   fault);
         detail::SetFileFaultForTesting({});
+        EXPECT_EQ(test::ReadFileBytes(target), old);
+        EXPECT_EQ(std::distance(fs::directory_iterator(dir.Path()), {}), 2);
         message.AttachFile(file);
-        message.SaveToFile(dir.File("m.eml"));
-        EXPECT_NE(test::ReadFileBytes(dir.File("m.eml")).find("YXR0YWNoZWQ="), std::string::npos);
+        message.SaveToFile(target);
+        EXPECT_NE(test::ReadFileBytes(target).find("YXR0YWNoZWQ="), std::string::npos);
     }
+    // Where no file can be made beside it, a regular file is written in place and cut to length.
+    // A replaced file keeps its permissions, and a link stays a link.
+    MailMessage small;
+    fs::permissions(target, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    fs::create_symlink(target, dir.File("link"));
+    for (const std::string& path : {target, dir.File("link")}) {
+        test::WriteFileBytes(target, old);
+        int opens = 0;
+        detail::SetFileFaultForTesting([&](FileStep s) {
+            return s == FileStep::Open && ++opens == 2 && path == target ? EACCES : 0;
+        });
+        small.SaveToFile(path);
+        detail::SetFileFaultForTesting({});
+        EXPECT_EQ(test::ReadFileBytes(target), detail::ToAnsi(Build(small)));
+    }
+    EXPECT_TRUE(fs::is_symlink(dir.File("link")));
+    EXPECT_EQ(fs::status(target).permissions(),
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    // A file that shrinks while it is read fails; it is not padded.
+    MailMessage shrinking;
+    shrinking.AttachFile(file);
+    detail::SetFileFaultForTesting([&](FileStep s) {
+        if (s == FileStep::Read) fs::resize_file(file, 3);
+        return 0;
+    });
+    EXPECT_EQ(What([&] { Build(shrinking); }),
+              Fault(ERROR_ATTACHMENT_FAILED, "Error attaching file '" + file +
+                                                 "'. (Details: The file changed while it was read.)"));
+    detail::SetFileFaultForTesting({});
 }
 
 }  // namespace

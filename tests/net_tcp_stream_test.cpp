@@ -1,8 +1,12 @@
 // TcpStream against the scripted fake control: every order of events, and every wait that must
 // end. Real sockets and servers reach the stream through MailClient in the smtp_ tests.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <functional>
+#include <thread>
 
 #include "larkpost/tcp_stream.h"
 #include "net/stream_state.h"
@@ -167,6 +171,49 @@ TEST_F(StreamTest, ReadsAndDisconnectTakeWhatIsThereAndKeepWhatIsNot) {
     stream.Disconnect(), stream.Disconnect();
     EXPECT_EQ(control->CloseCalls(), 1);
     EXPECT_EQ(Access::SendBuffer(stream) + "|" + detail::ToAnsi(Unread()), "unsent|yz");
+}
+
+// A server that stops reading (a listener that never even accepts) cannot hold a flush for ever:
+// with no progress for the time limit and a tick it fails, and the text stays to be sent again.
+TEST(StreamOverARealSocket, FlushThatMakesNoProgressEndsInTheTimeOut) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length) | ::listen(listener, 1) |
+                  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    detail::SetTickScaleForTesting(0.02);
+    TcpStream stream;
+    stream.Connect(u"127.0.0.1", ntohs(address.sin_port));
+    stream.ResponseTimeout = 1;
+    stream.Send(std::string(64 << 20, 'x'));
+    ExpectRaised([&] { stream.Flush(); }, ERROR_RESPONSE_TIMEOUT, u"The server did not take the text in time.");
+    EXPECT_EQ(Access::SendBuffer(stream).size(), std::size_t{64} << 20);
+    detail::SetTickScaleForTesting(1);
+    ::close(listener);
+}
+
+// The stream belongs to the thread that connected it: every call from another thread raises 4000
+// at once (not a time-out later) and leaves the connection to its own thread.
+TEST_F(StreamTest, AnotherThreadIsRefusedAtOnce) {
+    auto control = Connect();
+    stream.ResponseTimeout = 0;
+    const std::function<void()> calls[] = {
+        [&] { stream.ReadLine(); }, [&] { stream.Read(1); }, [&] { stream.Peek(1); },
+        [&] { stream.ReadToEnd(); }, [&] { stream.AtEndOfStream(); }, [&] { stream.Send(u"x"); },
+        [&] { stream.SendLine(u"x"); }, [&] { stream.Flush(); }, [&] { stream.Connected(); },
+        [&] { stream.LocalHostName(); }, [&] { stream.Disconnect(); },
+        [&] { stream.Connect(u"127.0.0.1", 1); }};
+    const auto start = std::chrono::steady_clock::now();
+    std::thread([&] {
+        for (const auto& call : calls)
+            ExpectRaised(call, ERROR_WRONG_THREAD,
+                         u"This object is in use by another thread; use it only from the thread "
+                         u"that connected it.");
+    }).join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    control->Post({FakeEvent::Arrival("220 hi\r\n")});
+    EXPECT_EQ(stream.ReadLine(), u"220 hi");
+    EXPECT_TRUE(stream.Connected() && Access::SendBuffer(stream).empty());
 }
 
 }  // namespace

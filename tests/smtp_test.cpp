@@ -258,6 +258,28 @@ TEST_P(SmtpSession, ExactBytesAndOutcome) {
 INSTANTIATE_TEST_SUITE_P(Cases, SmtpSession, testing::ValuesIn(kCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// A host that releases its only reference to the client inside an event: the running call
+// finishes on the state it holds (the release closed the connection), then the client goes.
+TEST(SmtpClientLifetime, ReleasedInsideEachOfItsEvents) {
+    const std::pair<std::string, std::string> events[] = {
+        {"512", kNotConnected}, {"pending", kNotConnected}, {"canceled", ""}};
+    for (const auto& [event, outcome] : events) {
+        test::ScriptedPeer peer(kUpToData + "!wait");
+        auto client = std::make_shared<MailClient>();
+        client->Server("127.0.0.1"), client->Port(peer.Port()), client->Timeout = 1;
+        auto listener = std::make_shared<Listener>();
+        listener->on = [&, event = event](const std::string& now) {
+            if (now == "512" && event != "512") client->CancelSend();
+            if (now == event) client.reset();
+        };
+        client->AddListener(listener);
+        MailClient* const raw = client.get();
+        EXPECT_EQ(Outcome([&] { raw->Connect(), raw->Send(NewMessage(2049)); }), outcome) << event;
+        EXPECT_EQ(client, nullptr);
+        EXPECT_EQ(peer.Result(), peer.Expected());
+    }
+}
+
 TEST(SmtpEhloName, TheHostNameElseTheAddressLiteral) {
     EXPECT_EQ(detail::EhloDomain(u"mail", u"10.0.0.5") + detail::EhloDomain(u"", u"127.0.0.1") +
                   detail::EhloDomain(u"", u"2001:db8::7") + detail::EhloDomain(u"", u""),

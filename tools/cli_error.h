@@ -15,6 +15,7 @@ enum ExitStatus : int {
     kExitFile = 3,
     kExitServer = 4,
     kExitMessage = 5,
+    kExitMaybeDelivered = 6,  // Ctrl-C once the message text had gone to the server
     kExitCanceled = 130,
 };
 
@@ -23,6 +24,10 @@ struct CliError {
     int32_t number;
     std::string description;  // UTF-8
 };
+
+// The step of the command in which a library error came, which decides its exit status.
+enum class Step { FillMessage, Save, Connect, Send };
+int StatusFor(Step step, int32_t number);
 
 // A usage mistake: error 5 (invalid argument), exit status 2.
 inline CliError UsageError(std::string description) {

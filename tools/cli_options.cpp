@@ -166,21 +166,28 @@ Output:
 While sending, a progress bar is drawn on standard error when it is a terminal. It counts
 the message into the send buffer; the text then goes out in one write. Ctrl-C cancels the
 send: nothing of the message text reaches the server. Once the text is on its way, a Ctrl-C
-ends the program at once.
+ends the program at once with status 6: the message may have been delivered.
 
 Errors are printed as "larkpost: error NUMBER: DESCRIPTION". The library's own numbers are
 printed in hexadecimal (0xA38F03E8 and up), the runtime's in decimal (5 invalid argument,
-53 file not found, 70 permission denied, ...).
+53 file not found, 70 permission denied, ...). Control characters in what the command prints
+from elsewhere (server replies, file names, addresses) are shown as \r, \n, \t, \xNN (other
+controls, DEL, bytes that are not UTF-8) or \u{NN} (C1 controls), so a server reply's lines
+print as one line.
 
 Exit status:
   0    the message was sent or saved
   1    an unexpected internal failure
-  2    usage: an unknown option, a missing or bad value, a missing needed option
+  2    usage: an unknown option, a missing or bad value, a missing needed option, a server
+       name, user name or password that is not UTF-8
   3    file: a body, HTML or attached file cannot be read, or the --save file cannot be written
   4    connection or server: no connection, no answer in time, a refused greeting, login or
        command
-  5    message: a blank or repeated recipient, a message too large for the server
-  130  canceled with Ctrl-C
+  5    message: a blank or repeated recipient, a message too large for the server, a body
+       longer than a message can carry (2147483647 characters)
+  6    interrupted with Ctrl-C after the message text went to the server: it may have been
+       delivered, so check before sending it again
+  130  canceled with Ctrl-C: nothing of the message text reached the server
 )";
 }
 

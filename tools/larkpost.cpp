@@ -11,6 +11,7 @@
 
 #include "cli_error.h"
 #include "cli_options.h"
+#include "control_escapes.h"
 #include "password_source.h"
 #include "progress_bar.h"
 #include "text_input.h"
@@ -20,12 +21,13 @@ namespace {
 
 // What a Ctrl-C does depends on where the program stands.
 enum Phase : int {
-    kPhaseOther = 0,       // ends the program at once
+    kPhaseOther = 0,       // ends the program at once: nothing of the message has gone out
     kPhaseCancelable = 1,  // asks the running Send to cancel at its next progress event
-    kPhaseFinishing = 2,   // the text is on its way: ends the program at once
+    kPhaseHandedOver = 2,  // the text is on its way or sent: ends the program at once
 };
 volatile sig_atomic_t g_phase = kPhaseOther;
 volatile sig_atomic_t g_cancelRequested = 0;
+volatile sig_atomic_t g_stderrIsTerminal = 0;
 
 void WriteToStderr(const char* text, std::size_t length) {
     (void)!::write(STDERR_FILENO, text, length);
@@ -36,36 +38,29 @@ extern "C" void OnInterrupt(int) {
         g_cancelRequested = 1;
         return;
     }
-    static const char note[] = "\r\x1b[K\nlarkpost: canceled\n";
+    // Erases the progress bar's line; in a file or pipe the escape would be noise.
+    static const char erase[] = "\r\x1b[K\n";
+    if (g_stderrIsTerminal) WriteToStderr(erase, sizeof erase - 1);
+    if (g_phase == kPhaseHandedOver) {
+        static const char note[] =
+            "larkpost: interrupted after the message text went to the server: it may have been "
+            "delivered\n";
+        WriteToStderr(note, sizeof note - 1);
+        _exit(kExitMaybeDelivered);
+    }
+    static const char note[] = "larkpost: canceled\n";
     WriteToStderr(note, sizeof note - 1);
     _exit(kExitCanceled);
 }
 
 void InstallSignalHandlers() {
+    g_stderrIsTerminal = ::isatty(STDERR_FILENO);
     struct sigaction interrupt {};
     interrupt.sa_handler = OnInterrupt;
     sigemptyset(&interrupt.sa_mask);
     ::sigaction(SIGINT, &interrupt, nullptr);
     // A server that closes while text goes out must give an error, not kill the program.
     ::signal(SIGPIPE, SIG_IGN);
-}
-
-// The status a library error leads to, by the step in which it came.
-enum class Step { FillMessage, Save, Connect, Send };
-
-int StatusFor(Step step, int32_t number) {
-    switch (step) {
-        case Step::FillMessage: return number == ERROR_FILE_NOT_FOUND ? kExitFile : kExitMessage;
-        case Step::Save: return kExitFile;  // the target file, or an attachment read for it
-        case Step::Connect: return kExitServer;
-        case Step::Send:
-            if (number == ERROR_ATTACHMENT_FAILED) return kExitFile;
-            if (number == ERROR_NO_MESSAGE || number == ERROR_NO_RECIPIENTS ||
-                number == ERROR_MESSAGE_TOO_LARGE)
-                return kExitMessage;
-            return kExitServer;
-    }
-    return kExitInternal;
 }
 
 CliError FromRaised(Step step, const RaisedError& error) {
@@ -92,19 +87,16 @@ std::string FormatNumber(int32_t number) {
     return text;
 }
 
-// Server replies end in CR LF and may hold several lines.
-std::string FormatDescription(std::string text) {
-    std::string out;
-    for (char c : text) {
-        if (c != '\r') out += c;
-    }
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
-    return out;
+// Server replies end in CR LF; the line breaks between their lines are shown escaped.
+std::string WithoutLineEnd(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+        text.pop_back();
+    return text;
 }
 
 void PrintError(const CliError& error) {
     std::string line = "larkpost: error " + FormatNumber(error.number) + ": " +
-                       FormatDescription(error.description) + "\n";
+                       EscapeControls(WithoutLineEnd(error.description)) + "\n";
     std::fputs(line.c_str(), stderr);
 }
 
@@ -138,12 +130,10 @@ public:
     void SendProgress(const std::shared_ptr<MailMessage>&, int32_t bytesSent,
                       int32_t totalBytes) override {
         m_bar.Update(bytesSent, totalBytes);
-        if (g_cancelRequested) {
-            m_client.CancelSend();
-        } else if (bytesSent >= totalBytes) {
-            // From here on the text leaves in one write that no cancel can stop.
-            g_phase = kPhaseFinishing;
-        }
+        // From the last slice on, the text leaves in one write that no cancel can stop. The flag
+        // is read after the phase changes, so a Ctrl-C just before still cancels.
+        if (bytesSent >= totalBytes) g_phase = kPhaseHandedOver;
+        if (g_cancelRequested) m_client.CancelSend();
     }
     void SendCanceled() override { m_canceled = true; }
 
@@ -160,15 +150,18 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
     if (options.user) password = ObtainPassword(*options.user, options.passwordEnv);
 
     MailClient client;
-    client.Server(std::string_view(options.server));
-    client.Port(options.port);
-    client.Timeout = options.timeout;
     try {
+        client.Server(std::string_view(options.server));
+        client.Port(options.port);
+        client.Timeout = options.timeout;
         client.Connect(std::string_view(options.user.value_or("")), std::string_view(password));
     } catch (const RaisedError& error) {
         CliError failure = FromRaised(Step::Connect, error);
-        failure.description = FormatDescription(failure.description) + " (server " +
-                              options.server + ", port " + std::to_string(options.port) + ")";
+        failure.description =
+            WithoutLineEnd(failure.description) +
+            (failure.status == kExitUsage
+                 ? " (--server, --user or the password)"
+                 : " (server " + options.server + ", port " + std::to_string(options.port) + ")");
         throw failure;
     }
 
@@ -177,7 +170,7 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
     client.AddListener(listener);
     g_phase = kPhaseCancelable;
     InStep(Step::Send, [&] { client.Send(message); });
-    g_phase = kPhaseOther;
+    g_phase = listener->Canceled() ? kPhaseOther : kPhaseHandedOver;
     bar.Clear();
     client.RemoveListener(listener);
 
@@ -196,7 +189,7 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
     if (!options.quiet) {
         std::size_t count = options.to.size() + options.cc.size() + options.bcc.size();
         std::fprintf(stderr, "larkpost: sent to %zu recipient%s through %s:%d\n", count,
-                     count == 1 ? "" : "s", options.server.c_str(), options.port);
+                     count == 1 ? "" : "s", EscapeControls(options.server).c_str(), options.port);
     }
     return kExitOk;
 }
@@ -220,7 +213,8 @@ int Run(int argc, char** argv) {
     if (options.saveFile) {
         InStep(Step::Save, [&] { message->SaveToFile(std::string_view(*options.saveFile)); });
         if (!options.quiet)
-            std::fprintf(stderr, "larkpost: saved to %s\n", options.saveFile->c_str());
+            std::fprintf(stderr, "larkpost: saved to %s\n",
+                         EscapeControls(*options.saveFile).c_str());
         return kExitOk;
     }
     return SendMessage(options, message);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "cli_error.h"
+#include "control_escapes.h"
 
 namespace larkpost::cli {
 namespace {
@@ -32,7 +33,7 @@ std::string PromptWithoutEcho(const std::string& user) {
                          " needs a password: set LARKPOST_PASSWORD or use --password-env "
                          "VARIABLE (there is no terminal to ask on)");
     }
-    std::string prompt = "Password for " + user + ": ";
+    std::string prompt = "Password for " + EscapeControls(user) + ": ";
     (void)!::write(fd, prompt.data(), prompt.size());
 
     termios quiet;

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <limits>
 
 #include "cli_error.h"
+#include "larkpost/error.h"
 #include "larkpost/text.h"
 
 namespace larkpost::cli {
@@ -41,32 +43,63 @@ ReadFailure DescribeReadFailure(int err, const std::string& path) {
     }
 }
 
-[[noreturn]] void RaiseReadFailure(int err, const std::string& path, std::string_view what) {
-    const ReadFailure failure = DescribeReadFailure(err, path);
-    std::string name = path == "-" ? std::string("standard input") : "'" + path + "'";
-    throw CliError{
-        kExitFile, failure.number,
-        "cannot read the " + std::string(what) + " " + name + ": " + failure.description};
+std::string InputName(const std::string& path) {
+    return path == "-" ? std::string("standard input") : "'" + path + "'";
 }
 
+[[noreturn]] void RaiseReadFailure(int err, const std::string& path, std::string_view what) {
+    const ReadFailure failure = DescribeReadFailure(err, path);
+    throw CliError{kExitFile, failure.number,
+                   "cannot read the " + std::string(what) + " " + InputName(path) + ": " +
+                       failure.description};
+}
+
+// The library counts a message's characters in 32-bit signed numbers.
+constexpr std::size_t kMostCharacters = std::numeric_limits<int32_t>::max();
+
+[[noreturn]] void RaiseTooLong(const std::string& path, std::string_view what) {
+    throw CliError{kExitMessage, ERROR_OVERFLOW,
+                   "the " + std::string(what) + " " + InputName(path) + " holds more than " +
+                       std::to_string(kMostCharacters) +
+                       " characters, more than a message can carry"};
+}
+
+// The 16-bit characters that UTF-8 bytes give at least (line ends may still grow): one for each
+// byte that starts a sequence, two for a four-byte sequence.
+std::size_t LeastCharacters(std::string_view bytes) {
+    std::size_t count = 0;
+    for (char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        count += static_cast<std::size_t>((byte & 0xC0) != 0x80) +
+                 (byte >= 0xF0 && byte <= 0xF4 ? 1 : 0);
+    }
+    return count;
+}
+
+// Reads until the end, or until more has come than a message can carry: /dev/zero or an endless
+// pipe must not take all memory.
 std::string ReadAll(const std::string& path, std::string_view what) {
     int fd = path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) RaiseReadFailure(errno, path, what);
     std::string bytes;
+    std::size_t characters = 0;
+    int failure = 0;
     char buffer[65536];
-    for (;;) {
+    while (characters <= kMostCharacters) {
         ssize_t n = ::read(fd, buffer, sizeof buffer);
         if (n > 0) {
             bytes.append(buffer, static_cast<std::size_t>(n));
+            characters += LeastCharacters(std::string_view(buffer, static_cast<std::size_t>(n)));
         } else if (n == 0) {
             break;
         } else if (errno != EINTR) {
-            int err = errno;
-            if (fd != STDIN_FILENO) ::close(fd);
-            RaiseReadFailure(err, path, what);
+            failure = errno;
+            break;
         }
     }
     if (fd != STDIN_FILENO) ::close(fd);
+    if (failure != 0) RaiseReadFailure(failure, path, what);
+    if (characters > kMostCharacters) RaiseTooLong(path, what);
     return bytes;
 }
 
@@ -93,11 +126,14 @@ std::u16string ReadTextInput(const std::string& path, std::string_view what) {
     std::string bytes = ReadAll(path, what);
     std::u16string text;
     if (!TryFromUtf8(bytes, text)) {
-        std::string name = path == "-" ? std::string("standard input") : "'" + path + "'";
-        throw CliError{kExitFile, 5,
-                       "the " + std::string(what) + " " + name + " is not valid UTF-8 text"};
+        throw CliError{
+            kExitFile, 5,
+            "the " + std::string(what) + " " + InputName(path) + " is not valid UTF-8 text"};
     }
-    return WithCrLfLineEnds(text);
+    bytes = std::string();
+    text = WithCrLfLineEnds(text);
+    if (text.size() > kMostCharacters) RaiseTooLong(path, what);
+    return text;
 }
 
 }  // namespace larkpost::cli

@@ -46,6 +46,12 @@ inline constexpr int32_t ERROR_BLANK_RECIPIENT = ERROR_BASE + 3001;
 // MailMessage: "'<recipient>' is already on the list".
 inline constexpr int32_t ERROR_DUPLICATE_RECIPIENT = ERROR_BASE + 3002;
 
+// Extension errors, for behaviour beyond the classic table: ERROR_BASE + 4000 and up.
+// TcpStream, and MailClient through its stream: a call from another thread than the one whose
+// Connect made the connection: "This object is in use by another thread; use it only from the
+// thread that connected it."
+inline constexpr int32_t ERROR_WRONG_THREAD = ERROR_BASE + 4000;
+
 // General runtime failures keep their classic numbers.
 inline constexpr int32_t ERROR_INVALID_ARGUMENT = 5;
 inline constexpr int32_t ERROR_OVERFLOW = 6;
@@ -60,7 +66,8 @@ public:
     const std::u16string& Description() const noexcept { return m_description; }
     const std::u16string& Source() const noexcept { return m_source; }
 
-    // The description in UTF-8.
+    // The description in UTF-8. A C string cannot hold a NUL, so a NUL inside the description
+    // shows here as U+2400 (SYMBOL FOR NULL); Description() keeps it as it is.
     const char* what() const noexcept override;
 
 private:

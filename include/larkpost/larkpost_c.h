@@ -5,7 +5,8 @@
  * "Larkpost.TcpStream", "Larkpost.MailMessage" or "Larkpost.StringBuilder" (ASCII case does not
  * matter) and hands back an opaque handle with a reference count of 1. larkpost_retain() adds a
  * reference, larkpost_release() drops one; the object goes with the last. A null, released or
- * foreign handle, or a handle of the wrong class, gives an error and never a crash.
+ * foreign handle, or a handle of the wrong class, gives an error and never a crash; a released
+ * handle stays invalid for good, also once new objects have been created.
  *
  * Errors. Every function that can fail returns an int32_t: 0 on success, otherwise the error
  * number (the library's own numbers are LARKPOST_ERROR_BASE + 1000 and up; see larkpost/error.h).

@@ -74,7 +74,8 @@ public:
 
 private:
     friend struct detail::ImplAccess;
-    std::unique_ptr<detail::MailClientImpl> m_impl;
+    // Shared with each running call, so a client released inside its own event finishes the call.
+    std::shared_ptr<detail::MailClientImpl> m_impl;
 };
 
 }  // namespace larkpost

@@ -94,15 +94,12 @@ LARKPOST_API int32_t larkpost_mail_client_set_events(larkpost_object* client,
                                                      larkpost_event_callback cancel_pending,
                                                      larkpost_event_callback send_canceled,
                                                      void* user_data) {
-    return OnClient(__func__, client, [&](MailClient& self) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
         // The bridge stays attached for the client's life, so that callbacks can be replaced
         // from inside an event without touching the client's listener list while it is raising.
-        if (!client->events) {
-            auto bridge = std::make_shared<EventBridge>();
-            self.AddListener(bridge);
-            client->events = std::move(bridge);
-        }
-        client->events->SetCallbacks(send_progress, cancel_pending, send_canceled, user_data);
+        EventBridgeOf(function, client, self)
+            ->SetCallbacks(send_progress, cancel_pending, send_canceled, user_data);
     });
 }
 

@@ -1,5 +1,6 @@
 // The C interface: creation, reference counting, errors and string results.
 #include <cstdlib>
+#include <optional>
 
 #include "component/c_call.h"
 #include "larkpost/larkpost_c.h"
@@ -42,9 +43,9 @@ LARKPOST_API void larkpost_release(larkpost_object* object) {
 
 LARKPOST_API const char* larkpost_class_name(const larkpost_object* object) {
     try {
-        if (!IsLive(object)) return nullptr;
+        const std::optional<Object> live = LiveObject(object);
         // The names are static, NUL-terminated literals.
-        return object->object.ClassName().data();
+        return live ? live->ClassName().data() : nullptr;
     } catch (...) {
         return nullptr;
     }

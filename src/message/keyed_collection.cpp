@@ -1,6 +1,7 @@
 #include "message/keyed_collection.h"
 
 #include <array>
+#include <iterator>
 #include <utility>
 
 #include "larkpost/error.h"
@@ -68,31 +69,20 @@ void KeyedCollection::Add(std::u16string item, std::optional<std::u16string> key
         folded = FoldKeyCase(*key);
         if (m_keyIndex.contains(*folded)) RaiseRuntime(ERROR_KEY_IN_USE, kSourceMailMessage);
     }
-    // Each step that can fail undoes the ones before it, so a failed Add changes nothing.
     m_items.push_back(std::move(item));
+    if (!folded) return;
     try {
-        m_foldedKeys.push_back(folded);
-        try {
-            if (folded) m_keyIndex.insert(std::move(*folded));
-        } catch (...) {
-            m_foldedKeys.pop_back();
-            throw;
-        }
+        m_keyIndex.emplace(std::move(*folded), std::prev(m_items.cend()));
     } catch (...) {
-        m_items.pop_back();
+        m_items.pop_back();  // a failed Add changes nothing
         throw;
     }
 }
 
 void KeyedCollection::Remove(std::u16string_view key) {
-    const std::u16string folded = FoldKeyCase(key);
-    const auto indexed = m_keyIndex.find(folded);
+    const auto indexed = m_keyIndex.find(FoldKeyCase(key));
     if (indexed == m_keyIndex.end()) RaiseRuntime(ERROR_INVALID_ARGUMENT, kSourceMailMessage);
-
-    std::size_t position = 0;
-    while (m_foldedKeys[position] != folded) ++position;  // present: the index says so
-    m_items.erase(m_items.begin() + static_cast<std::ptrdiff_t>(position));
-    m_foldedKeys.erase(m_foldedKeys.begin() + static_cast<std::ptrdiff_t>(position));
+    m_items.erase(indexed->second);
     m_keyIndex.erase(indexed);
 }
 

@@ -3,11 +3,11 @@
 #define LARKPOST_MESSAGE_KEYED_COLLECTION_H
 
 #include <cstdint>
+#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
-#include <vector>
+#include <unordered_map>
 
 namespace larkpost::detail {
 
@@ -19,16 +19,15 @@ public:
     void Remove(std::u16string_view key);
     int32_t Count() const;
 
-    using const_iterator = std::vector<std::u16string>::const_iterator;
+    using const_iterator = std::list<std::u16string>::const_iterator;
     const_iterator begin() const { return m_items.begin(); }
     const_iterator end() const { return m_items.end(); }
-    const std::u16string& operator[](std::size_t index) const { return m_items[index]; }
 
 private:
-    std::vector<std::u16string> m_items;
-    std::vector<std::optional<std::u16string>> m_foldedKeys;
-    // The folded keys present, so the duplicate test of Add stays O(1) for long recipient lists.
-    std::unordered_set<std::u16string> m_keyIndex;
+    std::list<std::u16string> m_items;
+    // The folded keys present and the element of each: the duplicate test of Add and Remove
+    // stay O(1) on long recipient lists, and the list keeps the order of Add.
+    std::unordered_map<std::u16string, const_iterator> m_keyIndex;
 };
 
 // Case folding for keys, one character to one: the letters of ASCII, Latin-1 and Latin

@@ -39,9 +39,16 @@ void MailMessage::SaveToFile(const std::u16string& FileSpec) {
         auto file = detail::PlatformFile::OpenForWriting(std::move(*nativePath),
                                                          detail::kSourceMailMessage);
         const std::u16string& text = m_impl->BuildMessage();
-        WriteText(file, text);
-        // Whatever an older, longer content left behind the new text goes.
-        file.TruncateIfRegular(text.size());
+        // A regular file gets its new text whole or keeps its old one: the text goes to a new
+        // file beside it, which takes its place once complete.
+        if (auto replacement = file.CreateReplacement()) {
+            WriteText(*replacement, text);
+            file.ReplaceWith(std::move(*replacement));
+        } else {
+            WriteText(file, text);
+            // Whatever an older, longer content left behind the new text goes.
+            file.TruncateIfRegular(text.size());
+        }
         file.Close();
     } catch (const RaisedError& failure) {
         detail::Raise(failure.Number(),

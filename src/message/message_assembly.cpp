@@ -240,11 +240,11 @@ void MessageAssembly::WriteTo(std::u16string& out) const {
             for (std::uint64_t left = size; left != 0;) {
                 const auto want =
                     static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
-                const std::size_t got = file.Read(piece.data(), want);
-                // A file that shrank since it was measured reads as zeros to its measured size,
-                // so the part stays as long as its Content-Length says.
-                std::fill(piece.begin() + static_cast<std::ptrdiff_t>(got),
-                          piece.begin() + static_cast<std::ptrdiff_t>(want), '\0');
+                // A file that shrank since it was measured cannot fill its part: the text would
+                // no longer be the file.
+                if (file.Read(piece.data(), want) != want)
+                    Raise(ERROR_PATH_FILE_ACCESS, u"The file changed while it was read.",
+                          kSourceMailMessage);
                 if (left != size) sink(u"\r\n");
                 Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
                 left -= want;

@@ -19,6 +19,9 @@ namespace {
 
 constexpr char16_t kNotConnected[] = u"Not connected.";
 constexpr char16_t kNoResponse[] = u"The server did not respond in time.";
+constexpr char16_t kTextNotTaken[] = u"The server did not take the text in time.";
+constexpr char16_t kWrongThread[] =
+    u"This object is in use by another thread; use it only from the thread that connected it.";
 constexpr char16_t kClosedBeforeConnected[] =
     u"The connection was closed before it was established.";
 constexpr int32_t kTickMilliseconds = 1000;
@@ -73,6 +76,7 @@ struct TcpStreamImpl::SocketSink final : SocketControlEvents {
         stream.m_socket_Error(Number, Description);
     }
     void SendComplete() override { stream.m_socket_SendComplete(); }
+    void SendProgress(int32_t, int32_t) override { stream.m_socket_SendProgress(); }
 
     TcpStreamImpl& stream;
 };
@@ -104,6 +108,7 @@ TcpStreamImpl::~TcpStreamImpl() {
 // ---- Connection control ----
 
 void TcpStreamImpl::Connect(const std::u16string& HostnameOrIP, int32_t Port) {
+    RequireOwnThread();
     bool cameUp = false;
     try {
         ResetSocket();
@@ -126,16 +131,19 @@ void TcpStreamImpl::Connect(const std::u16string& HostnameOrIP, int32_t Port) {
 }
 
 void TcpStreamImpl::Disconnect() {
+    RequireOwnThread();
     if (m_socket && m_socket->State() == sckConnected) m_socket->Close();
     SetState(STATE_DISCONNECTED);
 }
 
 bool TcpStreamImpl::Connected() {
+    RequireOwnThread();
     if (m_socket && m_socket->State() != sckConnected) SetState(STATE_DISCONNECTED);
     return m_state != STATE_DISCONNECTED;
 }
 
 std::u16string TcpStreamImpl::LocalHostName() {
+    RequireOwnThread();
     if (!m_socket) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     return m_socket->LocalHostName();
 }
@@ -149,6 +157,7 @@ void TcpStreamImpl::ResetSocket() {
         Raise(ERROR_CONNECTION_FAILED, u"No socket control could be made.", kSourceTcpStream);
     socket->SetEvents(m_socketSink.get());
     m_socket = std::move(socket);
+    m_ownThread = std::this_thread::get_id();
 
     auto ticker = std::make_shared<Ticker>();
     ticker->SetEvents(m_tickerSink.get());
@@ -156,6 +165,12 @@ void TcpStreamImpl::ResetSocket() {
     m_ticker = std::move(ticker);
 
     m_socket->Protocol(0);
+}
+
+void TcpStreamImpl::RequireOwnThread() const {
+    const std::thread::id owner = m_ownThread;
+    if (owner != std::thread::id() && owner != std::this_thread::get_id())
+        Raise(ERROR_WRONG_THREAD, kWrongThread, kSourceTcpStream);
 }
 
 void TcpStreamImpl::ReleaseSocket() noexcept {
@@ -272,12 +287,37 @@ void TcpStreamImpl::m_ticker_Elapsed() {
     }
     m_ticker->Enabled(false);
     m_ticksLeft = m_owner.ResponseTimeout;
-    RecordError(ERROR_RESPONSE_TIMEOUT, kNoResponse);
+    RecordError(ERROR_RESPONSE_TIMEOUT, m_flushing ? kTextNotTaken : kNoResponse);
+}
+
+void TcpStreamImpl::m_socket_SendProgress() {
+    if (m_flushing) m_ticksLeft = m_owner.ResponseTimeout;
+}
+
+template <class Wait>
+bool TcpStreamImpl::WithTicker(bool flushing, Wait wait) {
+    const std::shared_ptr<Ticker> ticker = m_ticker;
+    m_ticksLeft = m_owner.ResponseTimeout;
+    m_flushing = flushing;
+    ticker->Interval(kTickMilliseconds);
+    ticker->Enabled(true);
+    bool done;
+    try {
+        done = wait();
+    } catch (...) {
+        ticker->Enabled(false);
+        m_flushing = false;
+        throw;
+    }
+    ticker->Enabled(false);
+    m_flushing = false;
+    return done;
 }
 
 // ---- Writing ----
 
 void TcpStreamImpl::Send(std::u16string_view Data) {
+    RequireOwnThread();
     const std::size_t needed = m_sendBuffer.size() + Data.size();
     if (needed > m_sendBuffer.capacity()) {
         // Geometric growth keeps appends amortised O(1); a large buffer asks for huge pages so
@@ -294,12 +334,15 @@ void TcpStreamImpl::SendLine(std::u16string_view Data) {
 }
 
 void TcpStreamImpl::Flush() {
-    if (!!m_sendBuffer.empty()) return;
+    RequireOwnThread();
+    if (m_sendBuffer.empty()) return;
     m_lastArrivalBytes = 0;
     if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     m_socket->SendData(m_sendBuffer);
-    const bool sent = WaitForSendComplete();
+    // A server that stops reading would hold the write for ever: the ticker ends the wait once
+    // the write has made no progress for the time limit and a tick, as it ends a silent read.
+    const bool sent = WithTicker(true, [&] { return WaitForSendComplete(); });
     if (m_errorPending) RaiseRecordedError();
     // The connection closed before the control said the text had gone: keep it for a retry.
     if (!sent) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
@@ -322,23 +365,14 @@ void TcpStreamImpl::Consume(std::size_t count) {
 }
 
 void TcpStreamImpl::AwaitUnread(std::size_t seen) {
+    RequireOwnThread();
     if (!m_sendBuffer.empty()) Flush();
     bool stuck = false;
     if (Unread().size() <= seen) {
         // Before the first Connect there is no control that could ever deliver anything.
         if (!m_socket || !m_ticker) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
-        std::shared_ptr<Ticker> ticker = m_ticker;
-        m_ticksLeft = m_owner.ResponseTimeout;
-        ticker->Interval(kTickMilliseconds);
-        ticker->Enabled(true);
         SetState(STATE_WAITING_FOR_DATA);
-        try {
-            stuck = !WaitForState(STATE_DATA_ARRIVED);
-        } catch (...) {
-            ticker->Enabled(false);
-            throw;
-        }
-        ticker->Enabled(false);
+        stuck = !WithTicker(false, [&] { return WaitForState(STATE_DATA_ARRIVED); });
     }
     if (m_errorPending) RaiseRecordedError();
     if (stuck) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
@@ -395,6 +429,7 @@ std::u16string TcpStreamImpl::TakeLine(std::size_t length) {
 }
 
 bool TcpStreamImpl::AtEndOfStream() {
+    RequireOwnThread();
     if (!m_sendBuffer.empty()) Flush();
     const bool atEnd = Unread().empty() && m_lastArrivalBytes > 0;
     SetState(STATE_CONNECTED);

@@ -3,12 +3,14 @@
 #ifndef LARKPOST_NET_TCP_STREAM_IMPL_H
 #define LARKPOST_NET_TCP_STREAM_IMPL_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "larkpost/tcp_stream.h"
 #include "platform/socket_control.h"
@@ -50,12 +52,20 @@ private:
     struct TickerSink;
 
     void ResetSocket();
+    // The control, the ticker and their events belong to the loop of the thread that made them:
+    // raises ERROR_WRONG_THREAD on any other thread once a control has been made.
+    void RequireOwnThread() const;
     void m_socket_Close();
     void m_socket_Connect();
     void m_socket_DataArrival(int32_t bytesTotal);
     void m_socket_Error(int16_t Number, std::u16string& Description);
     void m_socket_SendComplete();
+    void m_socket_SendProgress();
     void m_ticker_Elapsed();
+    // Runs a wait with the ticker counting ResponseTimeout + 1 silent seconds; flushing: the
+    // wait is a write's, which each bit of progress gives the whole time again.
+    template <class Wait>
+    bool WithTicker(bool flushing, Wait wait);
     void SetState(int32_t state) { m_state = state; }
     void RecordError(int32_t number, std::u16string description);
     // The waits sleep between pumps and end when nothing on the thread can deliver an event.
@@ -92,6 +102,7 @@ private:
     std::string m_sendBuffer;
     int32_t m_lastArrivalBytes = 0;
     int32_t m_ticksLeft = 0;
+    bool m_flushing = false;
     // Counts of Connect, SendComplete and Close events, so a wait notices an outcome that a
     // later event of the same pump has overwritten in m_state.
     uint64_t m_connectEvents = 0;
@@ -101,6 +112,8 @@ private:
     std::unique_ptr<TickerSink> m_tickerSink;
     std::shared_ptr<Ticker> m_ticker;
     std::shared_ptr<SocketControl> m_socket;
+    // The thread whose Connect made the control; no thread before the first Connect.
+    std::atomic<std::thread::id> m_ownThread{};
 };
 
 }  // namespace larkpost::detail

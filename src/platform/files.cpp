@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
+#include <type_traits>
 
 #include "larkpost/text.h"
 #include "platform/file_errors.h"
@@ -33,6 +36,16 @@ auto Retrying(FileStep step, Call call) -> decltype(call()) {
     return result;
 }
 
+// A control character (U+0000 to U+001F, U+007F) names no file here, as on the platform the library
+// comes from: such a name written into a header could end a line, or the message data, early.
+template <class Char>
+bool HasControlCharacter(std::basic_string_view<Char> name) {
+    return std::any_of(name.begin(), name.end(), [](Char c) {
+        const auto code = static_cast<std::make_unsigned_t<Char>>(c);
+        return code < 0x20 || code == 0x7F;
+    });
+}
+
 struct DirCloser {
     void operator()(DIR* dir) const { ::closedir(dir); }
 };
@@ -40,7 +53,7 @@ struct DirCloser {
 }  // namespace
 
 std::optional<std::string> NativePath(std::u16string_view path) {
-    if (path.empty() || path.find(u'\0') != std::u16string_view::npos) return std::nullopt;
+    if (path.empty() || HasControlCharacter(path)) return std::nullopt;
     std::string native = ToUtf8(path);
     std::u16string back;
     // ToUtf8 turns a lone surrogate into U+FFFD, which would name another file.
@@ -59,8 +72,10 @@ bool AnyDirectoryEntry(const std::string& directory,
     if (Injected(FileStep::Search)) return false;
     std::unique_ptr<DIR, DirCloser> dir(::opendir(directory.c_str()));
     if (!dir) return false;
-    while (const dirent* entry = ::readdir(dir.get()))
-        if (visit(entry->d_name)) return true;
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const std::string_view name = entry->d_name;
+        if (!HasControlCharacter(name) && visit(name)) return true;
+    }
     return false;
 }
 
@@ -71,13 +86,16 @@ PlatformFile::PlatformFile(PlatformFile&& other) noexcept
     : m_fd(other.m_fd),
       m_size(other.m_size),
       m_path(std::move(other.m_path)),
-      m_source(std::move(other.m_source)) {
+      m_source(std::move(other.m_source)),
+      m_replaces(std::move(other.m_replaces)) {
     other.m_fd = -1;
+    other.m_replaces.clear();
 }
 
 PlatformFile::~PlatformFile() {
     // Linux releases the descriptor even when close reports an error; never retry it.
     if (m_fd >= 0) ::close(m_fd);
+    if (!m_replaces.empty()) ::unlink(m_path.c_str());
 }
 
 void PlatformFile::RaiseErrno(int err, bool creating) const {
@@ -140,6 +158,38 @@ void PlatformFile::TruncateIfRegular(std::uint64_t length) {
     if (Retrying(FileStep::Truncate,
                  [&] { return ::ftruncate(m_fd, static_cast<off_t>(length)); }) != 0)
         RaiseErrno(errno, true);
+}
+
+std::optional<PlatformFile> PlatformFile::CreateReplacement() {
+    struct stat info;
+    if (::fstat(m_fd, &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    std::unique_ptr<char, decltype(&std::free)> real(::realpath(m_path.c_str(), nullptr),
+                                                     &std::free);
+    if (!real) return std::nullopt;
+    const std::string target = real.get();
+    const auto slash = target.rfind('/');
+    std::string temporary =
+        target.substr(0, slash + 1) + "." + target.substr(slash + 1) + ".XXXXXX";
+    const int fd =
+        Retrying(FileStep::Open, [&] { return ::mkostemp(temporary.data(), O_CLOEXEC); });
+    if (fd < 0) return std::nullopt;
+    PlatformFile replacement(fd, std::move(temporary), m_source);
+    replacement.m_replaces = target;
+    // The new file keeps what the old one had: its permissions and, for root, its owner.
+    ::fchmod(fd, info.st_mode & 07777);
+    if (::geteuid() == 0 && ::fchown(fd, info.st_uid, info.st_gid) != 0) {
+        // An owner that cannot be kept leaves the file to whoever saves it.
+    }
+    return replacement;
+}
+
+void PlatformFile::ReplaceWith(PlatformFile replacement) {
+    replacement.Close();
+    if (Retrying(FileStep::Replace, [&] {
+            return ::rename(replacement.m_path.c_str(), replacement.m_replaces.c_str());
+        }) != 0)
+        RaiseErrno(errno, true);
+    replacement.m_replaces.clear();
 }
 
 void PlatformFile::Close() {

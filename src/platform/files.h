@@ -13,15 +13,16 @@
 
 namespace larkpost::detail {
 
-// The path handed to the system: UTF-8. Nothing for a path that cannot name a file: empty, with
-// a NUL character, or with a lone surrogate.
+// The path handed to the system: UTF-8. Nothing for a path that cannot name a file: empty, with a
+// control character (U+0000 to U+001F, U+007F), or with a lone surrogate.
 std::optional<std::string> NativePath(std::u16string_view path);
 
 // True when nativePath names a regular file or a symbolic link to one.
 bool IsPlainFile(const std::string& nativePath);
 
 // Calls visit with the name of each entry of a directory until it returns true; true then.
-// False when the directory cannot be read or no entry was taken.
+// False when the directory cannot be read or no entry was taken. Names with a control character
+// are passed over, as NativePath refuses them.
 bool AnyDirectoryEntry(const std::string& directory,
                        const std::function<bool(std::string_view name)>& visit);
 
@@ -49,6 +50,13 @@ public:
     void WriteAll(std::string_view bytes);
     // Cuts a regular file to length bytes; a file of another kind is left alone.
     void TruncateIfRegular(std::uint64_t length);
+    // For a regular file opened for writing: a new, empty file beside it (beside the file a link
+    // leads to) with its permissions, which ReplaceWith puts in its place. Nothing for a FIFO or a
+    // device, or where the directory takes no new file: such a file is written in place.
+    std::optional<PlatformFile> CreateReplacement();
+    // Closes the replacement and renames it over this file's path; the replaced content is then
+    // gone whole. Until then, and if this fails, the replacement is removed when it goes.
+    void ReplaceWith(PlatformFile replacement);
     // Closes now, raising what a failed close reports (a delayed write error, for instance).
     void Close();
 
@@ -60,12 +68,13 @@ private:
     std::uint64_t m_size = 0;
     std::string m_path;
     std::u16string m_source;
+    std::string m_replaces;  // a replacement: the path it is to take; removed while it is set
 };
 
 // Test seam, per thread: the steps of file access can be made to fail. When the function
 // returns an errno value for a step, the step fails with it and the system is not asked; 0 lets
 // the step run. An empty function restores the real behaviour.
-enum class FileStep { Open, Read, Write, Truncate, Close, Search };
+enum class FileStep { Open, Read, Write, Truncate, Close, Search, Replace };
 void SetFileFaultForTesting(std::function<int(FileStep)> fault);
 
 }  // namespace larkpost::detail

@@ -9,9 +9,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 
+#include "platform/clock.h"
 #include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/host_kit.h"
@@ -22,6 +24,9 @@ namespace {
 
 constexpr char16_t kSourceSocket[] = u"Larkpost.Socket";
 constexpr std::size_t kReadChunk = 256 * 1024;
+// How long one connect attempt may take: the TCP connect time-out of the platform the library
+// comes from. Ticks of the tests scale it.
+constexpr double kConnectAttemptSeconds = 21;
 // The Scode of a control error: an HRESULT of the control facility.
 constexpr int32_t kControlFacilityScode = static_cast<int32_t>(0x800A0000u);
 
@@ -95,6 +100,7 @@ void PosixSocketControl::Connect(const std::u16string& RemoteHost, int32_t Remot
     if (m_state != sckClosed) RaiseSocket(sckBadState);
 
     HostKitGlobal().Services().Watch(std::weak_ptr<IoWatcher>(weak_from_this()));
+    HostKitGlobal().Services().Watch(std::weak_ptr<TimerWatcher>(weak_from_this()));
     m_nextAddress = 0;
     m_lastConnectError = 0;
     const std::string host = ToAnsi(RemoteHost);
@@ -162,6 +168,9 @@ void PosixSocketControl::TryNextAddress() {
             connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length);
         if (status == 0 || errno == EINPROGRESS) {
             m_fd = fd;
+            const std::chrono::duration<double> limit(kConnectAttemptSeconds * TickScale());
+            m_attemptDeadline =
+                MonotonicClock::now() + std::chrono::duration_cast<MonotonicClock::duration>(limit);
             if (status == 0) Connected();
             return;  // else POLLOUT tells the outcome
         }
@@ -181,6 +190,18 @@ void PosixSocketControl::FinishConnect() {
         return;
     }
     m_lastConnectError = error;
+    CloseFd();
+    TryNextAddress();
+}
+
+std::optional<MonotonicClock::time_point> PosixSocketControl::Deadline() const {
+    if (m_state != sckConnecting || m_fd < 0) return std::nullopt;
+    return m_attemptDeadline;
+}
+
+void PosixSocketControl::OnDue(MonotonicClock::time_point) {
+    if (m_state != sckConnecting || m_fd < 0) return;
+    m_lastConnectError = ETIMEDOUT;
     CloseFd();
     TryNextAddress();
 }
@@ -317,6 +338,7 @@ void PosixSocketControl::ReadOnce() {
 }
 
 void PosixSocketControl::WriteQueued() {
+    const uint64_t before = m_bytesSent;
     while (m_outgoingOffset < m_outgoing.size()) {
         ssize_t sent = send(m_fd, m_outgoing.data() + m_outgoingOffset,
                             m_outgoing.size() - m_outgoingOffset, MSG_NOSIGNAL);
@@ -332,6 +354,13 @@ void PosixSocketControl::WriteQueued() {
     if (m_outgoingOffset == m_outgoing.size()) {
         m_outgoing.clear();
         m_outgoingOffset = 0;
+    } else if (m_bytesSent != before) {
+        const auto clamp = [](uint64_t n) {
+            return static_cast<int32_t>(std::min<uint64_t>(n, INT32_MAX));
+        };
+        const int32_t sent = clamp(m_bytesSent),
+                      remaining = clamp(m_outgoing.size() - m_outgoingOffset);
+        Post([sent, remaining](SocketControlEvents& sink) { sink.SendProgress(sent, remaining); });
     }
     CompleteSends();
 }

@@ -14,6 +14,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ namespace larkpost::detail {
 
 class PosixSocketControl final : public SocketControl,
                                  public IoWatcher,
+                                 public TimerWatcher,
                                  public std::enable_shared_from_this<PosixSocketControl> {
     struct Private {};
 
@@ -58,6 +60,10 @@ public:
     int PollFd() const override;
     short PollEvents() const override;
     void OnReady(short revents) override;
+    // A connect attempt that has not completed in time fails as timed out (10060), so a
+    // listener whose queue is full, or a host that never answers, cannot hold it for minutes.
+    std::optional<MonotonicClock::time_point> Deadline() const override;
+    void OnDue(MonotonicClock::time_point now) override;
 
 private:
     struct Address {
@@ -87,6 +93,7 @@ private:
     std::vector<Address> m_addresses;  // still to try while connecting
     std::size_t m_nextAddress = 0;
     int m_lastConnectError = 0;
+    MonotonicClock::time_point m_attemptDeadline;  // of the attempt under way while connecting
 
     std::string m_received;  // bytes from m_receivedOffset on wait for GetData
     std::size_t m_receivedOffset = 0;

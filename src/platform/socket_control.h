@@ -37,6 +37,8 @@ public:
                        const std::u16string& Source, const std::u16string& HelpFile,
                        int32_t HelpContext, bool& CancelDisplay) = 0;
     virtual void SendComplete() = 0;
+    // Some of a SendData has gone and some still waits for the peer to read.
+    virtual void SendProgress(int32_t /*bytesSent*/, int32_t /*bytesRemaining*/) {}
 
 protected:
     ~SocketControlEvents() = default;

@@ -12,7 +12,7 @@ MailClientImpl::MailClientImpl(MailClient& owner) : m_owner(owner) {}
 
 }  // namespace detail
 
-MailClient::MailClient() : m_impl(std::make_unique<detail::MailClientImpl>(*this)) {}
+MailClient::MailClient() : m_impl(std::make_shared<detail::MailClientImpl>(*this)) {}
 
 MailClient::~MailClient() {
     // Going away closes the connection without QUIT and never fails.
@@ -27,8 +27,12 @@ const std::u16string& MailClient::Server() const { return m_impl->Server(); }
 void MailClient::Port(int32_t rhs) { m_impl->Port(rhs); }
 int32_t MailClient::Port() const { return m_impl->Port(); }
 
+// The calls that can raise events hold the implementation: a host may release this client from
+// inside an event, and the running call then finishes on what it holds.
+
 std::any MailClient::Connect(const std::u16string& Username, const std::u16string& Password) {
-    m_impl->Connect(Username, Password);
+    const auto running = m_impl;
+    running->Connect(Username, Password);
     return {};
 }
 
@@ -43,8 +47,14 @@ std::any MailClient::Disconnect(bool bForce) {
 
 // The message comes by value, as the class has always taken it; the call holds it throughout.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
-void MailClient::Send(std::shared_ptr<MailMessage> message) { m_impl->Send(message); }
-void MailClient::CancelSend() { m_impl->CancelSend(); }
+void MailClient::Send(std::shared_ptr<MailMessage> message) {
+    const auto running = m_impl;
+    running->Send(message);
+}
+void MailClient::CancelSend() {
+    const auto running = m_impl;
+    running->CancelSend();
+}
 void MailClient::AddListener(std::shared_ptr<MailClientEvents> listener) {
     m_impl->AddListener(std::move(listener));
 }

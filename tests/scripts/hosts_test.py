@@ -132,15 +132,18 @@ class Command(unittest.TestCase):
                     (["--save", out, "--body", missing], 3, 53, "cannot read the body file '%s'" % missing),
                     (["--save", out, "--html", "/no/dir/b.html"], 3, 76, "Path not found"),
                     (["--save", out, "--body", self.file("latin1.txt", b"caf\xe9\n")], 3, 5, "not valid UTF-8"),
+                    (["--save", out, "--body", "/no/\x1b]0;t\x07\r.txt"], 3, 76, r"body file '/no/\x1b]0;t\x07\r.txt': Path"),
                     (["--save", out, "--attach", "/no.pdf"], 3, "0xA38F03E8", "File /no.pdf not found."),
                     (["--save", "/no/dir/o.eml"], 3, 76, "Error in MailMessage.SaveToFile: "),
                     ([*login, "--password-env", "WRONG"], 4, "0xA38F07D1", "535 5.7.8 Authentication credentials invalid"),
                     ([*login[:2], "--port", str(refused_port())], 4, 10061, "refused by the remote host. (server 127"),
+                    ([*login, "--password-env", "LATIN1"], 2, 5, "Invalid UTF-8 text (--server, --user or the password)"),
                     (["--save", out, "--cc", "  "], 5, "0xA38F0BB9", "Blank recipient"),
                     (["--save", out, "--to", "BOB@example.org"], 5, "0xA38F0BBA", "'BOB@example.org' is already"),
-                    ([*login, "--password-env", "P", "--attach", self.file("big", "x" * 30000)], 5, "0xA38F07D6", "too large")]:
+                    ([*login, "--password-env", "P", "--attach", self.file("big", "x" * 30000)], 5, "0xA38F07D6", "too large"),
+                    (["--save", out, "--body", "/dev/zero"], 5, 6, "'/dev/zero' holds more than 2147483647 characters")]:
                 with self.subTest(args=args):
-                    result = run(CLI, *BASE, *args, env={"WRONG": "hunter2", "P": "pa ss"})
+                    result = run(CLI, *BASE, *args, env={"WRONG": "hunter2", "P": "pa ss", "LATIN1": "\udce9"})
                     self.assertEqual(result.returncode, status, result.stderr)
                     self.assertRegex(result.stderr.decode(), "^larkpost: error %s: .*%s" % (number, re.escape(fragment)))
                     self.assertNotIn(b"hunter2", result.stderr)
@@ -189,25 +192,33 @@ class Command(unittest.TestCase):
             screen, status = self.run_on_terminal(port, "secret text\n" * 200000, interrupt=True)
             self.assertEqual((status, b"larkpost: canceled" in screen, len(messages(1))), (130, True, 1), screen)
 
-    def test_ctrl_c_while_connecting_ends_at_once_and_an_attachment_gone_at_the_send_is_a_file_failure(self):
-        for interrupt in (True, False):
-            with socket.create_server(("127.0.0.1", 0)) as listener:
+    def test_a_scripted_server_meets_ctrl_c_at_each_stage_a_vanished_attachment_and_a_reply_that_sets_the_title(self):
+        notes, title = self.file("notes.txt"), b"550-5.7.1 \x1b]0;owned\x07\r\n550 5.7.1 \x9d\x7f no\r\n"  # 0x9D: a C1 control
+        for script, status, stderr in [  # script: a reply by command, None for a Ctrl-C instead
+                (None, 130, "larkpost: canceled\n"),  # while connecting; on a pipe, without \r\x1b[K
+                ({}, 3, "larkpost: error 0xA38F0BB8: Error attaching file '%s'" % notes),  # the file went after the check
+                ({b".\r\n": None}, 6, "larkpost: interrupted after the message text went to the server: it may have been"),
+                ({b"MAIL": title}, 4, r"larkpost: error 0xA38F07D3: 550-5.7.1 \x1b]0;owned\x07\r\n550 5.7.1 \u{9d}\x7f no" "\n")]:
+            with self.subTest(stderr), socket.create_server(("127.0.0.1", 0)) as listener:
                 listener.settimeout(20)
                 process = subprocess.Popen([CLI, *BASE, "--server", "127.0.0.1", "--port", str(listener.getsockname()[1]),
                                             "--attach", self.file("notes.txt", "notes")], stderr=subprocess.PIPE)
-                connection = listener.accept()[0]  # the attachment was found before the connection
+                connection, in_data = listener.accept()[0], False  # the attachment was found before the connection
                 connection.settimeout(20)
-                if interrupt:
+                if script is None:
                     process.send_signal(signal.SIGINT)  # the command waits for the greeting
                 else:
-                    os.remove(self.file("notes.txt"))
+                    if not script:
+                        os.remove(notes)
                     connection.sendall(b"220 ready\r\n")
-                    for line in connection.makefile("rb"):  # until the command closes
-                        connection.sendall(b"354 go\r\n" if line.startswith(b"DATA") else b"250 ok\r\n")
-                stderr = process.communicate(timeout=20)[1]
+                    for line in connection.makefile("rb"):  # until the command closes; silent in the text
+                        if not in_data or line == b".\r\n":
+                            default, in_data = b"354 go\r\n" if line[:4] == b"DATA" else b"250 ok\r\n", line[:4] == b"DATA"
+                            reply = script.get(b".\r\n" if line == b".\r\n" else line[:4], default)
+                            connection.sendall(reply) if reply else process.send_signal(signal.SIGINT)
+                output = process.communicate(timeout=20)[1].decode()
                 connection.close()
-            self.assertEqual(process.returncode, 130 if interrupt else 3, stderr)
-            self.assertIn(b"larkpost: canceled" if interrupt else b"larkpost: error 0xA38F0BB8: ", stderr)
+                self.assertEqual((process.returncode, output[:len(stderr)]), (status, stderr))
 
 
 class Package(unittest.TestCase):
