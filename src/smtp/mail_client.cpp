@@ -6,13 +6,7 @@
 
 namespace larkpost {
 
-namespace detail {
-
-MailClientImpl::MailClientImpl(MailClient& owner) : m_owner(owner) {}
-
-}  // namespace detail
-
-MailClient::MailClient() : m_impl(std::make_shared<detail::MailClientImpl>(*this)) {}
+MailClient::MailClient() : m_impl(std::make_shared<detail::MailClientImpl>()) {}
 
 MailClient::~MailClient() {
     // Going away closes the connection without QUIT and never fails.
@@ -32,7 +26,7 @@ int32_t MailClient::Port() const { return m_impl->Port(); }
 
 std::any MailClient::Connect(const std::u16string& Username, const std::u16string& Password) {
     const auto running = m_impl;
-    running->Connect(Username, Password);
+    running->Connect(Username, Password, Timeout);
     return {};
 }
 

@@ -18,15 +18,13 @@ namespace larkpost::detail {
 
 class MailClientImpl {
 public:
-    // owner's Timeout becomes the stream's time limit at each Connect.
-    explicit MailClientImpl(MailClient& owner);
-
     // The public members, one for one.
     void Server(std::u16string rhs) { m_server = std::move(rhs); }
     const std::u16string& Server() const { return m_server; }
     void Port(int32_t rhs) { m_port = rhs; }
     int32_t Port() const { return m_port; }
-    void Connect(const std::u16string& Username, const std::u16string& Password);
+    // timeout (the client's Timeout) becomes the stream's time limit for this session.
+    void Connect(const std::u16string& Username, const std::u16string& Password, int32_t timeout);
     void Disconnect(bool bForce);
     void Send(const std::shared_ptr<MailMessage>& message);
     void CancelSend();
@@ -58,7 +56,6 @@ private:
     void RaiseCancelPending();
     void RaiseSendCanceled();
 
-    MailClient& m_owner;
     TcpStream m_stream;
     std::u16string m_server;
     int32_t m_port = 25;

@@ -5,7 +5,8 @@
 
 namespace larkpost::detail {
 
-void MailClientImpl::Connect(const std::u16string& Username, const std::u16string& Password) {
+void MailClientImpl::Connect(const std::u16string& Username, const std::u16string& Password,
+                             int32_t timeout) {
     ++m_connectionEpoch;
     // An open connection is dropped without QUIT; the stream starts the new one with empty
     // buffers, so nothing the old one left behind reaches the new server.
@@ -15,7 +16,7 @@ void MailClientImpl::Connect(const std::u16string& Username, const std::u16strin
     m_stream.Connect(m_server, port);
     // The stream's Connect sets a time limit of its own, so ours goes in afterwards, before the
     // greeting is read.
-    m_stream.ResponseTimeout = m_owner.Timeout;
+    m_stream.ResponseTimeout = timeout;
 
     const SmtpResponse greeting = ReadResponse();
     if (greeting.IsError) Raise(ERROR_GREETING_REFUSED, greeting.Text, kSourceMailClient);
