@@ -12,7 +12,11 @@
 #include "net/stream_state.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
+#include "platform/codepage.h"
+#include "platform/posix_socket_control.h"
 #include "support/fake_socket_control.h"
+#include "support/process.h"
+#include "support/scripted_peer.h"
 #include "support/raised.h"
 #include "support/tcp_stream_access.h"
 
@@ -190,6 +194,21 @@ TEST(StreamOverARealSocket, FlushThatMakesNoProgressEndsInTheTimeOut) {
     EXPECT_EQ(Access::SendBuffer(stream).size(), std::size_t{64} << 20);
     detail::SetTickScaleForTesting(1);
     ::close(listener);
+}
+
+// A TLS read whose chunk fills inside a record reads on, so no decrypted byte is left where
+// polling the socket cannot see it (a chunk of 100 bytes here, the line 250).
+TEST(StreamOverTls, NoDecryptedByteWaitsInsideTls) {
+    const std::string line(250, 'y');
+    test::ScriptedPeer peer("!tls " + test::Certificates() + "server|< " + line + "|!wait");
+    detail::SetTickScaleForTesting(0.05);
+    detail::PosixSocketControl::SetReadChunkForTesting(100);
+    TcpStream stream;
+    stream.Connect(u"127.0.0.1", peer.Port());
+    stream.ResponseTimeout = 1;
+    stream.StartTls(true, detail::FromAnsi(test::Certificates() + "ca.pem"));
+    EXPECT_EQ(detail::ToAnsi(stream.ReadLine()), line);
+    detail::PosixSocketControl::SetReadChunkForTesting(0), detail::SetTickScaleForTesting(1);
 }
 
 // The stream belongs to the thread that connected it: every call from another thread raises 4000

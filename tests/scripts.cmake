@@ -41,6 +41,10 @@ if(TARGET larkpost_cli)
   add_test(NAME tools_larkpost_cli COMMAND ${hosts_test} Command)
   set_tests_properties(tools_larkpost_cli PROPERTIES
     ENVIRONMENT "LARKPOST_CLI=$<TARGET_FILE:larkpost_cli>" TIMEOUT 300)
+  # TLS relays: the command and the C interface.
+  add_test(NAME tools_secure_relay COMMAND ${hosts_test} SecureRelay)
+  set_tests_properties(tools_secure_relay PROPERTIES
+    ENVIRONMENT "LARKPOST_CLI=$<TARGET_FILE:larkpost_cli>;${ctypes_environment}" TIMEOUT 300)
 endif()
 
 # Install to a temporary prefix and build consumers against it (find_package, pkg-config), and a

@@ -98,6 +98,16 @@ void AttachVanishingFile(Message& m) {
     test::WriteFileBytes(kGone, "x"), m->AttachFile(kGone), std::filesystem::remove(kGone);
 }
 
+// Security on, the run's CA trusted, then the act (a plain Connect by default).
+Act Tls(int32_t security, Act then = Connect()) {
+    return [=](MailClient& client, Message& m) {
+        client.Security(security), client.CaFile(test::Certificates() + "ca.pem"), then(client, m);
+    };
+}
+Act Token(std::u16string user, std::u16string token) {
+    return [=](MailClient& client, Message&) { client.ConnectWithToken(user, token); };
+}
+
 // Transcript pieces: a greeting and EHLO; a transaction up to DATA's go-ahead; the text, its reply.
 const std::string kGreet = "< 220 peer.test ESMTP|> EHLO <host>|", kText = "> <text>|< 250 queued",
                   kToData = "> MAIL FROM: <ann@example.test>|< 250 ok|"
@@ -105,6 +115,10 @@ const std::string kGreet = "< 220 peer.test ESMTP|> EHLO <host>|", kText = "> <t
                   kUpToData = kGreet + "< 250 peer|" + kToData,
                   kNotConnected = "+1000 Not connected.",
                   kTimeout = "+1002 [Larkpost.TcpStream] The server did not respond in time.";
+
+const std::string kStartTls = kGreet + "< 250-p|< 250 STARTTLS|> STARTTLS|< 220 go|",
+                  kBearer = "> AUTH XOAUTH2 dXNlcj1hbm5AZXhhbXBsZS50ZXN0AWF1dGg9QmVhcmVyIHlhMjkudDBrAQE=|",
+                  kOurs = "+40", kStream = " [Larkpost.TcpStream] ";
 
 const Case kCases[] = {
     // The greeting: the last line of a reply decides, a code from 400 on is a refusal. Silence
@@ -212,6 +226,53 @@ const Case kCases[] = {
      Connect(u"u", u"p"), "+2003 Server sent back an invalid value for SIZE extension.", true, 18},
     {"SizeOver32Bits", kGreet + "< 250-p|< 250-PIPELINING|< 250-SIZE 2147483648|< 250 8BITMIME", {},
      Connect(u"u", u"p"), "6 Overflow", true, 18},
+    // TLS: after STARTTLS the server is asked again and only its new answer counts; implicit TLS
+    // before the greeting; an access token by XOAUTH2, whose refusal comes as a challenge first.
+    {"StartTlsThenEhloAgain", kGreet + "< 250-p|< 250-AUTH PLAIN|< 250 STARTTLS|> STARTTLS|< 220 go|"
+     "!tls <certs>server|> EHLO <host>|< 250 p", {}, Tls(SECURITY_STARTTLS, Connect(u"u", u"p")),
+     "+2002 The mail server does not support the AUTH LOGIN or AUTH PLAIN authenication schemes.",
+     true, 0},
+    {"ImplicitTlsTokenAndSend", "!tls <certs>server|" + kGreet + "< 250-p|< 250 AUTH LOGIN XOAUTH2|" +
+     kBearer + "< 235 ok|" + kToData + kText, {}, Tls(SECURITY_TLS, [](MailClient& c, Message& m) {
+         c.ConnectWithToken(u"ann@example.test", u"ya29.t0k"), c.Send(m);
+     }), ""},
+    {"TokenRefused", kGreet + "< 250-p|< 250 AUTH XOAUTH2|" + kBearer + "< 334 eyJ9|> |< 535 no", {},
+     Token(u"ann@example.test", u"ya29.t0k"), kOurs + "07 The mail server refused the access token: "
+     "334 eyJ9\r\n535 no\r\n"},
+    {"TokenNotOffered", kGreet + "< 250-p|< 250 AUTH LOGIN PLAIN", {}, Token(u"u", u"t"),
+     kOurs + "06 The mail server does not offer AUTH XOAUTH2."},
+    {"UnverifiedSelfSigned", "!tls <certs>selfsigned|" + kGreet + "< 250 p", {},
+     Tls(SECURITY_TLS, [](MailClient& c, Message&) { c.VerifyCertificate(false), c.Connect(); })},
+    // Each failure closes the connection before any credential has gone: no quiet plaintext, no
+    // reply read before the handshake, each certificate check named with the name it was for.
+    {"StartTlsNotOffered", kGreet + "< 250-p|< 250 AUTH LOGIN", {},
+     Tls(SECURITY_STARTTLS, Connect(u"u", u"p")), kOurs + "01 The mail server does not offer STARTTLS.",
+     false},
+    {"StartTlsRefused", kGreet + "< 250-p|< 250 STARTTLS|> STARTTLS|< 454 4.7.0 not now", {},
+     Tls(SECURITY_STARTTLS, Connect(u"u", u"p")), kOurs + "02 The mail server refused STARTTLS: "
+     "454 4.7.0 not now\r\n", false},
+    {"ForgedReplyBeforeHandshake", kGreet + "< 250-p|< 250 STARTTLS|> STARTTLS|~ 220 go\r\n250 forged\r\n",
+     {}, Tls(SECURITY_STARTTLS, Connect(u"u", u"p")), kOurs + "05" + kStream + "The server sent data "
+     "before the TLS handshake; the connection was closed.", false},
+    {"WrongHostName", kStartTls + "!tls-refused <certs>wrongname", {}, Tls(SECURITY_STARTTLS,
+     [](MailClient& c, Message&) { c.Server("localhost"), c.Connect(u"u", u"p"); }), kOurs + "04" +
+     kStream + "The server's certificate failed the check for localhost: hostname mismatch.", false},
+    {"WrongAddress", "!tls-refused <certs>wrongname", {}, Tls(SECURITY_TLS), kOurs + "04" + kStream +
+     "The server's certificate failed the check for 127.0.0.1: IP address mismatch.", false},
+    {"SelfSigned", "!tls-refused <certs>selfsigned", {}, Tls(SECURITY_TLS), kOurs + "04" + kStream +
+     "The server's certificate failed the check for 127.0.0.1: self-signed certificate.", false},
+    {"Expired", "!tls-refused <certs>expired", {}, Tls(SECURITY_TLS), kOurs + "04" + kStream +
+     "The server's certificate failed the check for 127.0.0.1: certificate has expired.", false},
+    {"GarbageForAHandshake", kStartTls + "!hello|~ HTTP/1.1 400 Bad\r\n\r\n", {},
+     Tls(SECURITY_STARTTLS, Connect(u"u", u"p")), kOurs + "03" + kStream + "The TLS handshake with "
+     "127.0.0.1 failed: wrong version number.", false},
+    {"CloseInTheHandshake", "!hello|!close", {}, Tls(SECURITY_TLS), kOurs + "03" + kStream +
+     "The TLS handshake with 127.0.0.1 failed: the server closed the connection.", false},
+    {"SilenceInTheHandshake", "!hello", {}, Tls(SECURITY_TLS), kTimeout, false},
+    {"CaFileUnreadable", "", {}, Tls(SECURITY_TLS, [](MailClient& c, Message&) {
+         c.CaFile("/nonexistent/ca.pem"), c.Connect();
+     }), kOurs + "09" + kStream + "The CA file /nonexistent/ca.pem could not be read: system lib.",
+     false},
 };
 
 class SmtpSession : public testing::TestWithParam<Case> {};
@@ -228,7 +289,10 @@ TEST_P(SmtpSession, ExactBytesAndOutcome) {
     if (c.change) c.change(message);
     std::string text;
     Outcome([&] { text = Text(*message); });  // a build that fails here fails in Send again
-    test::ScriptedPeer peer(c.transcript + "|!wait", text);
+    std::string transcript = c.transcript + "|!wait";
+    if (const auto at = transcript.find("<certs>"); at != transcript.npos)
+        transcript.replace(at, 7, test::Certificates());  // transcripts name it "<certs>"
+    test::ScriptedPeer peer(transcript, text);
     MailClient client;
     client.Server("127.0.0.1"), client.Port(peer.Port()), client.Timeout = 1;
     client.CancelSend();  // a cancel before Send does not concern it

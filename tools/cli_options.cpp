@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "cli_error.h"
+#include "larkpost/mail_client.h"
 
 namespace larkpost::cli {
 namespace {
@@ -40,6 +41,11 @@ const std::vector<OptionRule>& Rules() {
          [](Options& o, const std::string& v) {
              o.timeout = ParseNumber("--timeout", v, 1, 24 * 3600);
          }},
+        {"--starttls", false,
+         [](Options& o, const std::string&) { o.security = SECURITY_STARTTLS; }},
+        {"--tls", false, [](Options& o, const std::string&) { o.security = SECURITY_TLS; }},
+        {"--ca-file", true, [](Options& o, const std::string& v) { o.caFile = v; }},
+        {"--oauth2-token-env", true, [](Options& o, const std::string& v) { o.tokenEnv = v; }},
         {"--user", true, [](Options& o, const std::string& v) { o.user = v; }},
         {"--password-env", true, [](Options& o, const std::string& v) { o.passwordEnv = v; }},
         {"--from", true, [](Options& o, const std::string& v) { o.from = v; }},
@@ -72,6 +78,11 @@ void CheckCombination(const Options& options) {
     if (options.saveFile && options.user)
         throw UsageError("--user has no use with --save, which sends nothing");
     if (options.passwordEnv && !options.user) throw UsageError("--password-env needs --user");
+    if (options.tokenEnv && !options.user) throw UsageError("--oauth2-token-env needs --user");
+    if (options.tokenEnv && options.passwordEnv)
+        throw UsageError("--oauth2-token-env and --password-env exclude each other");
+    if (options.caFile && options.security == SECURITY_NONE)
+        throw UsageError("--ca-file needs --starttls or --tls");
     if (options.from.empty()) throw UsageError("--from is needed: the sender's address");
     if (!options.saveFile) {
         if (options.server.empty())
@@ -122,7 +133,15 @@ Options ParseOptions(int argc, const char* const argv[]) {
         rule->apply(options, value);
     }
     CheckCombination(options);
+    if (options.port == 0)
+        options.port = options.security == SECURITY_TLS        ? 465
+                       : options.security == SECURITY_STARTTLS ? 587
+                                                               : 25;
     return options;
+}
+
+bool IsLoopbackHost(std::string_view host) {
+    return host == "localhost" || host.starts_with("127.") || host == "::1" || host == "[::1]";
 }
 
 std::string HelpText() {
@@ -133,13 +152,19 @@ Sends one e-mail through an SMTP relay, or writes it to a file.
 
 Connection:
   --server HOST         the relay's host name or address (needed to send)
-  --port N              the relay's port (default 25)
+  --port N              the relay's port (default 25; 587 with --starttls, 465 with --tls)
+  --starttls            switch to TLS with STARTTLS before logging in (fails if not offered)
+  --tls                 speak TLS from the first byte (implicit TLS, usually port 465)
+  --ca-file FILE        trust the CA certificates in FILE instead of the system's store
   --timeout SECONDS     how long a reply from the server may take (default 30)
   --user NAME           log in as NAME with AUTH LOGIN or AUTH PLAIN; the password comes from
                         the environment variable named by --password-env, else LARKPOST_PASSWORD,
                         else a prompt (without echo) when there is a terminal. There is no
                         password option: a password never stands on the command line.
   --password-env VAR    read the password from environment variable VAR
+  --oauth2-token-env VAR  log in as --user with AUTH XOAUTH2, the OAuth 2.0 access token
+                        read from environment variable VAR (Gmail, Microsoft 365)
+  A password or token sent without TLS to a host other than this one draws a warning.
 
 Message:
   --from ADDRESS        the sender's address (needed)

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace larkpost::cli {
@@ -14,7 +15,10 @@ struct Options {
     bool version = false;
     bool quiet = false;
     std::string server;
-    int32_t port = 25;
+    int32_t port = 0;      // after parsing: as given, else 465 with --tls, 587 with --starttls, 25
+    int32_t security = 0;  // SECURITY_NONE, SECURITY_STARTTLS or SECURITY_TLS
+    std::optional<std::string> caFile;
+    std::optional<std::string> tokenEnv;  // --oauth2-token-env
     int32_t timeout = 30;
     std::optional<std::string> user;
     std::optional<std::string> passwordEnv;
@@ -33,6 +37,9 @@ struct Options {
 // Parses argv; throws CliError (a usage error) for anything it cannot take, including options
 // that only make sense together with others.
 Options ParseOptions(int argc, const char* const argv[]);
+
+// True for names and addresses that never leave the host: localhost, 127.0.0.0/8, ::1.
+bool IsLoopbackHost(std::string_view host);
 
 // The complete --help text.
 std::string HelpText();

@@ -146,15 +146,30 @@ private:
 };
 
 int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& message) {
-    std::string password;
-    if (options.user) password = ObtainPassword(*options.user, options.passwordEnv);
+    std::string secret;
+    if (options.user)
+        secret = options.tokenEnv ? ObtainToken(*options.tokenEnv)
+                                  : ObtainPassword(*options.user, options.passwordEnv);
+    if (options.user && options.security == SECURITY_NONE && !IsLoopbackHost(options.server)) {
+        std::fprintf(
+            stderr,
+            "larkpost: warning: the %s for %s goes to %s without TLS (see --starttls, --tls)\n",
+            options.tokenEnv ? "access token" : "password", EscapeControls(*options.user).c_str(),
+            EscapeControls(options.server).c_str());
+    }
 
     MailClient client;
     try {
         client.Server(std::string_view(options.server));
         client.Port(options.port);
         client.Timeout = options.timeout;
-        client.Connect(std::string_view(options.user.value_or("")), std::string_view(password));
+        client.Security(options.security);
+        if (options.caFile) client.CaFile(std::string_view(*options.caFile));
+        const std::string_view user(options.user.value_or(""));
+        if (options.tokenEnv)
+            client.ConnectWithToken(user, std::string_view(secret));
+        else
+            client.Connect(user, std::string_view(secret));
     } catch (const RaisedError& error) {
         CliError failure = FromRaised(Step::Connect, error);
         failure.description =

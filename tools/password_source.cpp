@@ -62,18 +62,27 @@ std::string PromptWithoutEcho(const std::string& user) {
     return password;
 }
 
+std::string FromVariable(const char* option, const std::string& variable) {
+    const char* value = std::getenv(variable.c_str());
+    if (value == nullptr)
+        throw UsageError(std::string(option) + " names " + variable +
+                         ", but that environment variable is not set");
+    return value;
+}
+
 }  // namespace
 
 std::string ObtainPassword(const std::string& user, const std::optional<std::string>& passwordEnv) {
-    if (passwordEnv) {
-        const char* value = std::getenv(passwordEnv->c_str());
-        if (value == nullptr)
-            throw UsageError("--password-env names " + *passwordEnv +
-                             ", but that environment variable is not set");
-        return value;
-    }
+    if (passwordEnv) return FromVariable("--password-env", *passwordEnv);
     if (const char* value = std::getenv("LARKPOST_PASSWORD")) return value;
     return PromptWithoutEcho(user);
+}
+
+std::string ObtainToken(const std::string& variable) {
+    std::string token = FromVariable("--oauth2-token-env", variable);
+    if (token.empty())
+        throw UsageError("--oauth2-token-env names " + variable + ", which is empty");
+    return token;
 }
 
 }  // namespace larkpost::cli

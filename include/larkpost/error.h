@@ -51,6 +51,24 @@ inline constexpr int32_t ERROR_DUPLICATE_RECIPIENT = ERROR_BASE + 3002;
 // Connect made the connection: "This object is in use by another thread; use it only from the
 // thread that connected it."
 inline constexpr int32_t ERROR_WRONG_THREAD = ERROR_BASE + 4000;
+// MailClient with Security STARTTLS: the server's EHLO reply does not offer STARTTLS.
+inline constexpr int32_t ERROR_STARTTLS_UNAVAILABLE = ERROR_BASE + 4001;
+// MailClient: the server answered STARTTLS with something other than 220 (its reply follows).
+inline constexpr int32_t ERROR_STARTTLS_REFUSED = ERROR_BASE + 4002;
+// TcpStream::StartTls: the TLS handshake failed (the reason follows); the connection is closed.
+inline constexpr int32_t ERROR_TLS_HANDSHAKE_FAILED = ERROR_BASE + 4003;
+// TcpStream::StartTls: the server's certificate failed a check (which check, for which name).
+inline constexpr int32_t ERROR_CERTIFICATE_REJECTED = ERROR_BASE + 4004;
+// TcpStream::StartTls: the server sent data before the handshake; nothing of it is used.
+inline constexpr int32_t ERROR_TLS_UNEXPECTED_DATA = ERROR_BASE + 4005;
+// MailClient::ConnectWithToken: the server does not offer AUTH XOAUTH2.
+inline constexpr int32_t ERROR_TOKEN_LOGIN_UNAVAILABLE = ERROR_BASE + 4006;
+// MailClient::ConnectWithToken: the server refused the access token (its reply follows).
+inline constexpr int32_t ERROR_TOKEN_REFUSED = ERROR_BASE + 4007;
+// TcpStream: TLS failed on an established connection (a corrupt or forged record).
+inline constexpr int32_t ERROR_TLS_FAILED = ERROR_BASE + 4008;
+// TcpStream::StartTls: the CA file could not be read or holds no certificate.
+inline constexpr int32_t ERROR_CA_FILE_UNREADABLE = ERROR_BASE + 4009;
 
 // General runtime failures keep their classic numbers.
 inline constexpr int32_t ERROR_INVALID_ARGUMENT = 5;

@@ -47,6 +47,11 @@ typedef struct larkpost_object larkpost_object;
 #define LARKPOST_ERROR_CANNOT_CREATE 429 /* an unknown class name */
 #define LARKPOST_ERROR_BASE ((int32_t)0xA38F0000u)
 
+/* Values of the MailClient's security setting (an extension; see larkpost/mail_client.h). */
+#define LARKPOST_SECURITY_NONE 0
+#define LARKPOST_SECURITY_STARTTLS 1
+#define LARKPOST_SECURITY_TLS 2
+
 /* The library's version, such as "1.0.0" (LARKPOST_VERSION_STRING of larkpost/version.h). */
 LARKPOST_API const char* larkpost_library_version(void);
 
@@ -84,10 +89,27 @@ LARKPOST_API int32_t larkpost_mail_client_get_port(larkpost_object* client, int3
 /* Username and password may be NULL (empty: no login). */
 LARKPOST_API int32_t larkpost_mail_client_connect(larkpost_object* client, const char* username,
                                                   const char* password);
+/* Extension: logs in with AUTH XOAUTH2, an OAuth 2.0 access token for the user name. */
+LARKPOST_API int32_t larkpost_mail_client_connect_with_token(larkpost_object* client,
+                                                             const char* username,
+                                                             const char* access_token);
 LARKPOST_API int32_t larkpost_mail_client_disconnect(larkpost_object* client, int32_t force);
 /* message may be NULL: Send then fails with LARKPOST_ERROR_BASE + 2004. */
 LARKPOST_API int32_t larkpost_mail_client_send(larkpost_object* client, larkpost_object* message);
 LARKPOST_API int32_t larkpost_mail_client_cancel_send(larkpost_object* client);
+
+/* Extension: TLS, read by each connect. security is one of LARKPOST_SECURITY_*; the certificate
+ * is verified (verify non-zero, the default) against ca_file, or the system's trust store when
+ * it is empty. */
+LARKPOST_API int32_t larkpost_mail_client_set_security(larkpost_object* client, int32_t security);
+LARKPOST_API int32_t larkpost_mail_client_get_security(larkpost_object* client, int32_t* out);
+LARKPOST_API int32_t larkpost_mail_client_set_verify_certificate(larkpost_object* client,
+                                                                 int32_t verify);
+LARKPOST_API int32_t larkpost_mail_client_get_verify_certificate(larkpost_object* client,
+                                                                 int32_t* out);
+LARKPOST_API int32_t larkpost_mail_client_set_ca_file(larkpost_object* client, const char* path);
+LARKPOST_API int32_t larkpost_mail_client_get_ca_file(larkpost_object* client, char** out,
+                                                      size_t* out_length);
 
 /* Events. The message handle of send_progress is the one given to larkpost_mail_client_send,
  * lent for the length of the callback (retain it to keep it). A callback may call back into the
@@ -126,6 +148,9 @@ LARKPOST_API int32_t larkpost_tcp_stream_read_line(larkpost_object* stream, char
 LARKPOST_API int32_t larkpost_tcp_stream_read_to_end(larkpost_object* stream, char** out,
                                                      size_t* out_length);
 LARKPOST_API int32_t larkpost_tcp_stream_connected(larkpost_object* stream, int32_t* out);
+/* Extension: TLS on the open connection (see TcpStream::StartTls); ca_file may be NULL. */
+LARKPOST_API int32_t larkpost_tcp_stream_start_tls(larkpost_object* stream,
+                                                   int32_t verify_certificate, const char* ca_file);
 LARKPOST_API int32_t larkpost_tcp_stream_local_host_name(larkpost_object* stream, char** out,
                                                          size_t* out_length);
 

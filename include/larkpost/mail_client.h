@@ -40,6 +40,11 @@ inline constexpr int32_t CAP_AUTH_LOGIN = 4;
 inline constexpr int32_t CAP_AUTH_PLAIN = 8;
 inline constexpr int32_t CAP_SIZE = 16;
 
+// Values of MailClient::Security (an extension).
+inline constexpr int32_t SECURITY_NONE = 0;      // plaintext, the classic dialogue
+inline constexpr int32_t SECURITY_STARTTLS = 1;  // EHLO, STARTTLS, TLS handshake, EHLO again
+inline constexpr int32_t SECURITY_TLS = 2;       // TLS from the first byte (port 465)
+
 class LARKPOST_API MailClient {
 public:
     MailClient();
@@ -60,6 +65,12 @@ public:
     // The result is always the empty value.
     std::any Connect(const std::u16string& Username = u"", const std::u16string& Password = u"");
     std::any Connect(std::string_view Username, std::string_view Password);
+    // Extension: opens the session as Connect does, then logs in with AUTH XOAUTH2: the user name
+    // and an OAuth 2.0 access token (as Gmail and Microsoft 365 take them). Raises
+    // ERROR_TOKEN_LOGIN_UNAVAILABLE when the server does not offer it, ERROR_TOKEN_REFUSED with
+    // the server's words when it refuses the token.
+    std::any ConnectWithToken(const std::u16string& Username, const std::u16string& AccessToken);
+    std::any ConnectWithToken(std::string_view Username, std::string_view AccessToken);
     // Says QUIT (unless bForce) and closes. The result is always the empty value.
     std::any Disconnect(bool bForce = false);
     // Runs one mail transaction; the session stays open for the next one.
@@ -71,6 +82,18 @@ public:
     // to each until it is removed; a listener that holds its client should hold it weakly.
     void AddListener(std::shared_ptr<MailClientEvents> listener);
     void RemoveListener(const std::shared_ptr<MailClientEvents>& listener);
+
+    // Extension: TLS, read by each Connect. Security is one of SECURITY_* (SECURITY_NONE by
+    // default; any other value raises 5). With STARTTLS the server must offer it, else Connect
+    // fails: there is no quiet fallback to plaintext. VerifyCertificate (true by default) checks
+    // the chain against CaFile (empty: the system's trust store) and the server's name.
+    void Security(int32_t rhs);
+    int32_t Security() const;
+    void VerifyCertificate(bool rhs);
+    bool VerifyCertificate() const;
+    void CaFile(std::u16string rhs);
+    void CaFile(std::string_view rhs);
+    const std::u16string& CaFile() const;
 
 private:
     friend struct detail::ImplAccess;

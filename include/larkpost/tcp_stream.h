@@ -56,6 +56,13 @@ public:
     bool Connected();
     std::u16string LocalHostName();
 
+    // Extension: turns the open connection into a TLS connection, as the client, verifying the
+    // server's certificate chain (against CaFile, or the system's trust store when it is empty)
+    // and that it was issued for the host given to Connect, unless VerifyCertificate is false.
+    // The handshake counts against ResponseTimeout. Anything the server sent that has not been
+    // read fails it. On any failure the connection is closed.
+    void StartTls(bool VerifyCertificate = true, const std::u16string& CaFile = u"");
+
 private:
     friend struct detail::ImplAccess;
     std::unique_ptr<detail::TcpStreamImpl> m_impl;

@@ -70,6 +70,59 @@ LARKPOST_API int32_t larkpost_mail_client_connect(larkpost_object* client, const
     });
 }
 
+LARKPOST_API int32_t larkpost_mail_client_connect_with_token(larkpost_object* client,
+                                                             const char* username,
+                                                             const char* access_token) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        std::u16string user = InText(function, "username", username);
+        std::u16string token = InText(function, "access_token", access_token);
+        self.ConnectWithToken(user, token);
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_security(larkpost_object* client, int32_t security) {
+    return OnClient(__func__, client, [&](MailClient& self) { self.Security(security); });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_get_security(larkpost_object* client, int32_t* out) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        RequireOut(function, out);
+        *out = self.Security();
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_verify_certificate(larkpost_object* client,
+                                                                 int32_t verify) {
+    return OnClient(__func__, client,
+                    [&](MailClient& self) { self.VerifyCertificate(verify != 0); });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_get_verify_certificate(larkpost_object* client,
+                                                                 int32_t* out) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        RequireOut(function, out);
+        *out = self.VerifyCertificate() ? 1 : 0;
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_ca_file(larkpost_object* client, const char* path) {
+    const std::string_view function = __func__;
+    return OnClient(function, client,
+                    [&](MailClient& self) { self.CaFile(InText(function, "path", path)); });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_get_ca_file(larkpost_object* client, char** out,
+                                                      size_t* out_length) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        RequireOutText(function, out, out_length);
+        OutText(out, out_length, self.CaFile());
+    });
+}
+
 LARKPOST_API int32_t larkpost_mail_client_disconnect(larkpost_object* client, int32_t force) {
     return OnClient(__func__, client, [&](MailClient& self) { self.Disconnect(force != 0); });
 }

@@ -112,6 +112,15 @@ LARKPOST_API int32_t larkpost_tcp_stream_connected(larkpost_object* stream, int3
     return BoolResult(__func__, stream, out, &TcpStream::Connected);
 }
 
+LARKPOST_API int32_t larkpost_tcp_stream_start_tls(larkpost_object* stream,
+                                                   int32_t verify_certificate,
+                                                   const char* ca_file) {
+    const std::string_view function = __func__;
+    return OnStream(function, stream, [&](TcpStream& self) {
+        self.StartTls(verify_certificate != 0, InText(function, "ca_file", ca_file));
+    });
+}
+
 LARKPOST_API int32_t larkpost_tcp_stream_local_host_name(larkpost_object* stream, char** out,
                                                          size_t* out_length) {
     return TextResult(__func__, stream, out, out_length,

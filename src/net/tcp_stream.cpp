@@ -9,6 +9,7 @@
 #include "net/tcp_stream_impl.h"
 #include "platform/codepage.h"
 #include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/host_kit.h"
 #include "platform/impl_access.h"
 #include "platform/memory.h"
@@ -22,6 +23,8 @@ constexpr char16_t kNoResponse[] = u"The server did not respond in time.";
 constexpr char16_t kTextNotTaken[] = u"The server did not take the text in time.";
 constexpr char16_t kWrongThread[] =
     u"This object is in use by another thread; use it only from the thread that connected it.";
+constexpr char16_t kDataBeforeTls[] =
+    u"The server sent data before the TLS handshake; the connection was closed.";
 constexpr char16_t kClosedBeforeConnected[] =
     u"The connection was closed before it was established.";
 constexpr int32_t kTickMilliseconds = 1000;
@@ -77,6 +80,10 @@ struct TcpStreamImpl::SocketSink final : SocketControlEvents {
     }
     void SendComplete() override { stream.m_socket_SendComplete(); }
     void SendProgress(int32_t, int32_t) override { stream.m_socket_SendProgress(); }
+    void TlsStarted() override { stream.m_socket_TlsStarted(); }
+    void TlsFailed(int32_t Number, const std::u16string& Description) override {
+        stream.m_socket_TlsFailed(Number, Description);
+    }
 
     TcpStreamImpl& stream;
 };
@@ -146,6 +153,42 @@ std::u16string TcpStreamImpl::LocalHostName() {
     RequireOwnThread();
     if (!m_socket) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     return m_socket->LocalHostName();
+}
+
+void TcpStreamImpl::StartTls(bool VerifyCertificate, const std::u16string& CaFile) {
+    RequireOwnThread();
+    if (!m_sendBuffer.empty()) Flush();
+    if (!m_socket || m_socket->State() != sckConnected)
+        Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
+    TlsOptions options;
+    options.verify = VerifyCertificate;
+    try {
+        if (!CaFile.empty()) {
+            std::optional<std::string> native = NativePath(CaFile);
+            if (!native) {
+                Raise(ERROR_CA_FILE_UNREADABLE,
+                      u"The CA file " + CaFile + u" could not be read: its name is not valid.",
+                      kSourceTcpStream);
+            }
+            options.caFile = std::move(*native);
+        }
+        // Plaintext read before the handshake must never pass for protected text after it.
+        if (!Unread().empty()) Raise(ERROR_TLS_UNEXPECTED_DATA, kDataBeforeTls, kSourceTcpStream);
+        const uint64_t started = m_tlsStartedEvents;
+        m_socket->StartTls(options);
+        const bool done = WithTicker(false, [&] {
+            return PumpUntil([&] { return m_tlsStartedEvents != started || m_errorPending; });
+        });
+        if (m_errorPending) RaiseRecordedError();
+        if (!done) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
+    } catch (...) {
+        Disconnect();
+        throw;
+    }
+}
+
+void TcpStreamImpl::m_socket_TlsFailed(int32_t Number, const std::u16string& Description) {
+    RecordError(Number, Description);
 }
 
 void TcpStreamImpl::ResetSocket() {
@@ -473,5 +516,8 @@ std::u16string TcpStream::ReadLine() { return m_impl->ReadLine(); }
 std::u16string TcpStream::ReadToEnd() { return m_impl->ReadToEnd(); }
 bool TcpStream::Connected() { return m_impl->Connected(); }
 std::u16string TcpStream::LocalHostName() { return m_impl->LocalHostName(); }
+void TcpStream::StartTls(bool VerifyCertificate, const std::u16string& CaFile) {
+    m_impl->StartTls(VerifyCertificate, CaFile);
+}
 
 }  // namespace larkpost

@@ -39,6 +39,7 @@ public:
     std::u16string ReadToEnd();
     bool Connected();
     std::u16string LocalHostName();
+    void StartTls(bool VerifyCertificate, const std::u16string& CaFile);
 
     // For the client: the address of the local end, empty when there is no control.
     std::u16string LocalIP() const { return m_socket ? m_socket->LocalIP() : std::u16string(); }
@@ -61,6 +62,8 @@ private:
     void m_socket_Error(int16_t Number, std::u16string& Description);
     void m_socket_SendComplete();
     void m_socket_SendProgress();
+    void m_socket_TlsStarted() { ++m_tlsStartedEvents; }
+    void m_socket_TlsFailed(int32_t Number, const std::u16string& Description);
     void m_ticker_Elapsed();
     // Runs a wait with the ticker counting ResponseTimeout + 1 silent seconds; flushing: the
     // wait is a write's, which each bit of progress gives the whole time again.
@@ -108,6 +111,7 @@ private:
     uint64_t m_connectEvents = 0;
     uint64_t m_sendCompleteEvents = 0;
     uint64_t m_closeEvents = 0;
+    uint64_t m_tlsStartedEvents = 0;
     std::unique_ptr<SocketSink> m_socketSink;
     std::unique_ptr<TickerSink> m_tickerSink;
     std::shared_ptr<Ticker> m_ticker;

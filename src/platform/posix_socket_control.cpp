@@ -12,7 +12,9 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <utility>
 
+#include "larkpost/error.h"
 #include "platform/clock.h"
 #include "platform/codepage.h"
 #include "platform/errors.h"
@@ -24,6 +26,7 @@ namespace {
 
 constexpr char16_t kSourceSocket[] = u"Larkpost.Socket";
 constexpr std::size_t kReadChunk = 256 * 1024;
+thread_local std::size_t t_readChunk = kReadChunk;
 // How long one connect attempt may take: the TCP connect time-out of the platform the library
 // comes from. Ticks of the tests scale it.
 constexpr double kConnectAttemptSeconds = 21;
@@ -104,6 +107,7 @@ void PosixSocketControl::Connect(const std::u16string& RemoteHost, int32_t Remot
     m_nextAddress = 0;
     m_lastConnectError = 0;
     const std::string host = ToAnsi(RemoteHost);
+    m_hostName = host;
     m_addresses = Resolve(host, RemotePort);
     if (m_addresses.empty()) {
         Fail({sckHostNotFound, SocketErrorDescription(sckHostNotFound)});
@@ -111,6 +115,10 @@ void PosixSocketControl::Connect(const std::u16string& RemoteHost, int32_t Remot
     }
     m_state = sckConnecting;
     TryNextAddress();
+}
+
+void PosixSocketControl::SetReadChunkForTesting(std::size_t bytes) {
+    t_readChunk = bytes ? std::min(bytes, kReadChunk) : kReadChunk;
 }
 
 void PosixSocketControl::SetResolverForTesting(ResolverForTesting resolver) {
@@ -195,15 +203,22 @@ void PosixSocketControl::FinishConnect() {
 }
 
 std::optional<MonotonicClock::time_point> PosixSocketControl::Deadline() const {
-    if (m_state != sckConnecting || m_fd < 0) return std::nullopt;
-    return m_attemptDeadline;
+    if (m_fd < 0) return std::nullopt;
+    if (m_state == sckConnecting) return m_attemptDeadline;
+    if (m_closeDue) return MonotonicClock::time_point{};  // due now
+    return std::nullopt;
 }
 
 void PosixSocketControl::OnDue(MonotonicClock::time_point) {
-    if (m_state != sckConnecting || m_fd < 0) return;
-    m_lastConnectError = ETIMEDOUT;
-    CloseFd();
-    TryNextAddress();
+    if (m_fd < 0) return;
+    if (m_state == sckConnecting) {
+        m_lastConnectError = ETIMEDOUT;
+        CloseFd();
+        TryNextAddress();
+    } else if (m_closeDue) {
+        m_closeDue = false;
+        PeerClosed();
+    }
 }
 
 void PosixSocketControl::Connected() {
@@ -216,6 +231,7 @@ void PosixSocketControl::Connected() {
 int16_t PosixSocketControl::State() { return m_state; }
 
 void PosixSocketControl::Close() {
+    if (m_tls && !m_handshaking) m_tls->Shutdown();
     CloseFd();
     m_state = sckClosed;
     m_reading = false;
@@ -233,23 +249,13 @@ void PosixSocketControl::SendData(std::string_view bytes) {
 
     m_bytesAccepted += bytes.size();
     m_sendEnds.push_back(m_bytesAccepted);
-    if (m_outgoingOffset < m_outgoing.size()) {
+    if (m_handshaking || m_outgoingOffset < m_outgoing.size()) {
         m_outgoing.append(bytes);  // behind what already waits, to keep the order
         return;
     }
     // One write of everything; only what the kernel does not take now is copied.
     std::size_t taken = 0;
-    while (taken < bytes.size()) {
-        ssize_t sent = send(m_fd, bytes.data() + taken, bytes.size() - taken, MSG_NOSIGNAL);
-        if (sent >= 0) {
-            taken += static_cast<std::size_t>(sent);
-            break;
-        }
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-        Fail(SocketFailureFromErrno(errno));
-        return;
-    }
+    if (!WriteSome(bytes.data(), bytes.size(), taken)) return;
     m_bytesSent += taken;
     m_outgoing.assign(bytes.substr(taken));
     m_outgoingOffset = 0;
@@ -270,6 +276,40 @@ void PosixSocketControl::GetData(std::u16string& Data, int32_t Type, int32_t Max
     } else if (m_receivedOffset > m_received.size() / 2) {
         m_received.erase(0, m_receivedOffset);
         m_receivedOffset = 0;
+    }
+}
+
+void PosixSocketControl::StartTls(const TlsOptions& options) {
+    if (m_state != sckConnected || m_tls || m_outgoingOffset < m_outgoing.size())
+        RaiseSocket(sckBadState);
+    TlsOptions settings = options;
+    if (settings.hostName.empty()) settings.hostName = m_hostName;
+    char byte = 0;
+    if (m_receivedOffset < m_received.size() || recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0) {
+        FailTls({ERROR_TLS_UNEXPECTED_DATA,
+                 u"The server sent data before the TLS handshake; the connection was closed."});
+        return;
+    }
+    TlsFailure failure;
+    m_tls = TlsSession::Begin(m_fd, settings, failure);
+    if (!m_tls) {
+        FailTls(failure);
+        return;
+    }
+    m_handshaking = true;
+    ContinueHandshake();
+}
+
+void PosixSocketControl::ContinueHandshake() {
+    switch (m_tls->Handshake()) {
+        case TlsSession::Io::Done:
+            m_handshaking = false;
+            m_handshakeWaitsFor = 0;
+            Post([](SocketControlEvents& sink) { sink.TlsStarted(); });
+            break;
+        case TlsSession::Io::WantRead: m_handshakeWaitsFor = POLLIN; break;
+        case TlsSession::Io::WantWrite: m_handshakeWaitsFor = POLLOUT; break;
+        default: FailTls(m_tls->Failure());
     }
 }
 
@@ -301,9 +341,11 @@ int PosixSocketControl::PollFd() const { return m_fd; }
 short PosixSocketControl::PollEvents() const {
     if (m_fd < 0) return 0;
     if (m_state == sckConnecting) return POLLOUT;
+    if (m_handshaking) return m_handshakeWaitsFor;
     short events = 0;
-    if (m_reading) events |= POLLIN;
-    if (m_outgoingOffset < m_outgoing.size()) events |= POLLOUT;
+    if (m_reading || m_writeWantsRead) events |= POLLIN;
+    const bool writing = m_outgoingOffset < m_outgoing.size() && !m_writeWantsRead;
+    if (writing || m_readWantsWrite) events |= POLLOUT;
     return events;
 }
 
@@ -312,15 +354,26 @@ void PosixSocketControl::OnReady(short revents) {
         FinishConnect();
         return;
     }
+    if (m_handshaking) {
+        ContinueHandshake();
+        return;
+    }
     const short trouble = POLLERR | POLLHUP;
-    if (m_reading && (revents & (POLLIN | trouble))) ReadOnce();
-    if (m_fd >= 0 && m_outgoingOffset < m_outgoing.size() && (revents & (POLLOUT | trouble))) {
+    const bool readable = (revents & (POLLIN | trouble)) != 0;
+    const bool writable = (revents & (POLLOUT | trouble)) != 0;
+    if (m_reading && (m_readWantsWrite ? writable : readable)) ReadOnce();
+    if (m_fd >= 0 && m_outgoingOffset < m_outgoing.size() &&
+        (m_writeWantsRead ? readable : writable)) {
         WriteQueued();
     }
 }
 
 // One recv per pump, so one pump never brings both DataArrival and Close of this socket.
 void PosixSocketControl::ReadOnce() {
+    if (m_tls) {
+        ReadTls();
+        return;
+    }
     char* buffer = ReadScratch();
     ssize_t count = recv(m_fd, buffer, kReadChunk, 0);
     if (count > 0) {
@@ -329,27 +382,97 @@ void PosixSocketControl::ReadOnce() {
         const int32_t total = static_cast<int32_t>(std::min<std::size_t>(queued, INT32_MAX));
         Post([total](SocketControlEvents& sink) { sink.DataArrival(total); });
     } else if (count == 0) {
-        m_reading = false;
-        m_state = sckClosing;
-        Post([](SocketControlEvents& sink) { sink.Close(); });
+        PeerClosed();
     } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
         Fail(SocketFailureFromErrno(errno));
+    }
+}
+
+// Records come one per call. Read on until the session needs the socket again, or a full chunk
+// ends on a record's end: bytes the session has decrypted must never stay inside it, where
+// polling the socket cannot see them.
+void PosixSocketControl::ReadTls() {
+    char* buffer = ReadScratch();
+    std::size_t got = 0, total = 0;
+    TlsSession::Io io = TlsSession::Io::Done;
+    for (;;) {
+        std::size_t count = 0;
+        io = m_tls->Read(buffer + got, t_readChunk - got, count);
+        if (io != TlsSession::Io::Done) break;
+        got += count;
+        if (got < t_readChunk) continue;
+        m_received.append(buffer, got);
+        total += std::exchange(got, 0);
+        if (!m_tls->HasBufferedData()) break;
+    }
+    m_received.append(buffer, got);
+    total += got;
+    m_readWantsWrite = io == TlsSession::Io::WantWrite;
+    if (total > 0) {
+        const std::size_t queued = m_received.size() - m_receivedOffset;
+        const int32_t total = static_cast<int32_t>(std::min<std::size_t>(queued, INT32_MAX));
+        Post([total](SocketControlEvents& sink) { sink.DataArrival(total); });
+    }
+    if (io == TlsSession::Io::PeerClosed) {
+        // The Close of a read that also brought data waits for the next pump.
+        if (total > 0)
+            m_closeDue = true;
+        else
+            PeerClosed();
+    } else if (io == TlsSession::Io::Failed) {
+        FailTls(m_tls->Failure());
+    }
+}
+
+void PosixSocketControl::PeerClosed() {
+    m_reading = false;
+    m_state = sckClosing;
+    Post([](SocketControlEvents& sink) { sink.Close(); });
+}
+
+bool PosixSocketControl::WriteSome(const char* data, std::size_t size, std::size_t& taken) {
+    taken = 0;
+    if (m_tls) {
+        m_writeWantsRead = false;
+        // Each call takes whole records; go on until the socket is full.
+        while (taken < size) {
+            std::size_t count = 0;
+            const TlsSession::Io io = m_tls->Write(data + taken, size - taken, count);
+            if (io == TlsSession::Io::Done) {
+                taken += count;
+            } else if (io == TlsSession::Io::WantRead || io == TlsSession::Io::WantWrite) {
+                m_writeWantsRead = io == TlsSession::Io::WantRead;
+                return true;
+            } else {
+                FailTls(m_tls->Failure());
+                return false;
+            }
+        }
+        return true;
+    }
+    for (;;) {
+        const ssize_t sent = send(m_fd, data, size, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            taken = static_cast<std::size_t>(sent);
+            return true;
+        }
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+        Fail(SocketFailureFromErrno(errno));
+        return false;
     }
 }
 
 void PosixSocketControl::WriteQueued() {
     const uint64_t before = m_bytesSent;
     while (m_outgoingOffset < m_outgoing.size()) {
-        ssize_t sent = send(m_fd, m_outgoing.data() + m_outgoingOffset,
-                            m_outgoing.size() - m_outgoingOffset, MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno == EINTR) continue;
-            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-            Fail(SocketFailureFromErrno(errno));
+        std::size_t taken = 0;
+        if (!WriteSome(m_outgoing.data() + m_outgoingOffset, m_outgoing.size() - m_outgoingOffset,
+                       taken))
             return;
-        }
-        m_outgoingOffset += static_cast<std::size_t>(sent);
-        m_bytesSent += static_cast<uint64_t>(sent);
+        if (taken == 0) break;
+        m_outgoingOffset += taken;
+        m_bytesSent += taken;
     }
     if (m_outgoingOffset == m_outgoing.size()) {
         m_outgoing.clear();
@@ -373,8 +496,7 @@ void PosixSocketControl::CompleteSends() {
     }
 }
 
-// The connection is over: the descriptor goes, and the Error event tells why.
-void PosixSocketControl::Fail(const SocketFailure& failure) {
+void PosixSocketControl::Abandon() {
     CloseFd();
     m_state = sckError;
     m_reading = false;
@@ -382,6 +504,19 @@ void PosixSocketControl::Fail(const SocketFailure& failure) {
     m_outgoing.clear();
     m_outgoingOffset = 0;
     m_sendEnds.clear();
+}
+
+// The connection is over: the descriptor goes, and the TlsFailed event tells why.
+void PosixSocketControl::FailTls(TlsFailure failure) {  // a copy: it may live in the session
+    Abandon();
+    Post([failure](SocketControlEvents& sink) {
+        sink.TlsFailed(failure.number, failure.description);
+    });
+}
+
+// The connection is over: the descriptor goes, and the Error event tells why.
+void PosixSocketControl::Fail(const SocketFailure& failure) {
+    Abandon();
     const int16_t number = failure.number;
     const std::u16string description = failure.description;
     Post([number, description](SocketControlEvents& sink) {
@@ -393,6 +528,9 @@ void PosixSocketControl::Fail(const SocketFailure& failure) {
 }
 
 void PosixSocketControl::CloseFd() noexcept {
+    m_tls.reset();
+    m_handshaking = false;
+    m_readWantsWrite = m_writeWantsRead = m_closeDue = false;
     if (m_fd >= 0) {
         close(m_fd);
         m_fd = -1;

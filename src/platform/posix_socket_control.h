@@ -4,7 +4,8 @@
 // connects without blocking, trying the next address when one fails. All I/O happens inside the
 // pump: one recv of up to 256 KiB per readable pump (DataArrival, or Close on end of stream),
 // queued output written on POLLOUT. Events are posted with a token as their owner; Close and
-// destruction drop the token and with it every event still queued.
+// destruction drop the token and with it every event still queued. After StartTls the same
+// I/O runs through a TlsSession, whose reads leave no decrypted byte behind inside it.
 #ifndef LARKPOST_PLATFORM_POSIX_SOCKET_CONTROL_H
 #define LARKPOST_PLATFORM_POSIX_SOCKET_CONTROL_H
 
@@ -21,6 +22,7 @@
 #include "platform/event_loop.h"
 #include "platform/socket_control.h"
 #include "platform/socket_errors.h"
+#include "platform/tls_session.h"
 
 namespace larkpost::detail {
 
@@ -49,6 +51,10 @@ public:
     void SendData(std::string_view bytes) override;
     // MaxLen <= 0 takes everything queued. Throws sckInvalidArg for a Type other than vbString.
     void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) override;
+    // Throws sckBadState unless connected with nothing waiting to be sent and TLS not started.
+    // Bytes from the server that wait unread at this point fail it: TLS has the client speak
+    // first, so they can only be plaintext slipped in before the handshake.
+    void StartTls(const TlsOptions& options) override;
     std::u16string LocalHostName() override;
     std::u16string LocalIP() override;
 
@@ -56,12 +62,16 @@ public:
     // of the name service; an empty list means not found. Empty restores the name service.
     using ResolverForTesting = std::function<std::vector<std::string>(const std::string& host)>;
     static void SetResolverForTesting(ResolverForTesting resolver);
+    // Test seam, per thread: the most one TLS read takes before it looks whether to go on
+    // (0: the normal 256 KiB).
+    static void SetReadChunkForTesting(std::size_t bytes);
 
     int PollFd() const override;
     short PollEvents() const override;
     void OnReady(short revents) override;
     // A connect attempt that has not completed in time fails as timed out (10060), so a
     // listener whose queue is full, or a host that never answers, cannot hold it for minutes.
+    // A TLS close that came behind data is delivered as soon as the data has been.
     std::optional<MonotonicClock::time_point> Deadline() const override;
     void OnDue(MonotonicClock::time_point now) override;
 
@@ -76,9 +86,17 @@ private:
     void FinishConnect();
     void Connected();
     void ReadOnce();
+    void ReadTls();
+    void PeerClosed();
+    void ContinueHandshake();
+    // Writes what the connection takes now into taken; false when it failed (Fail has run).
+    bool WriteSome(const char* data, std::size_t size, std::size_t& taken);
     void WriteQueued();
     void CompleteSends();
     void Fail(const SocketFailure& failure);
+    void FailTls(TlsFailure failure);
+    // Closes the descriptor and forgets the connection's queues: the common part of a failure.
+    void Abandon();
     void CloseFd() noexcept;
     void Post(std::function<void(SocketControlEvents&)> deliver);
 
@@ -94,6 +112,14 @@ private:
     std::size_t m_nextAddress = 0;
     int m_lastConnectError = 0;
     MonotonicClock::time_point m_attemptDeadline;  // of the attempt under way while connecting
+    std::string m_hostName;                        // as given to Connect, for TLS checks
+
+    std::unique_ptr<TlsSession> m_tls;
+    bool m_handshaking = false;
+    short m_handshakeWaitsFor = 0;  // POLLIN or POLLOUT
+    bool m_readWantsWrite = false;  // a TLS read goes on when the socket is writable
+    bool m_writeWantsRead = false;  // a TLS write goes on when the socket is readable
+    bool m_closeDue = false;        // the peer closed after data delivered in the same read
 
     std::string m_received;  // bytes from m_receivedOffset on wait for GetData
     std::size_t m_receivedOffset = 0;

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/tls_session.h"
+
 namespace larkpost::detail {
 
 // Values of SocketControl::State.
@@ -39,6 +41,10 @@ public:
     virtual void SendComplete() = 0;
     // Some of a SendData has gone and some still waits for the peer to read.
     virtual void SendProgress(int32_t /*bytesSent*/, int32_t /*bytesRemaining*/) {}
+    // The outcomes of StartTls. A failure carries a number of its own (an extension error, or
+    // the socket's number when the connection broke) and the connection is closed.
+    virtual void TlsStarted() {}
+    virtual void TlsFailed(int32_t /*Number*/, const std::u16string& /*Description*/) {}
 
 protected:
     ~SocketControlEvents() = default;
@@ -64,6 +70,10 @@ public:
     virtual void SendData(std::string_view bytes) = 0;
     // Up to MaxLen received bytes as text (each byte one character), removed from the queue.
     virtual void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) = 0;
+    // Starts TLS as the client on the open connection; exactly one outcome follows, TlsStarted
+    // or TlsFailed. From then on every byte in and out goes through TLS. An empty host name in
+    // options stands for the host given to Connect. Controls without TLS raise sckBadState.
+    virtual void StartTls(const TlsOptions& options);
     virtual std::u16string LocalHostName() = 0;
     // The address of the local end of the connection, empty when there is none.
     virtual std::u16string LocalIP() = 0;

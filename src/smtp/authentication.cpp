@@ -1,4 +1,5 @@
-// Logging in at the end of Connect: AUTH LOGIN, or AUTH PLAIN when the server offers only that.
+// Logging in at the end of Connect: AUTH LOGIN, or AUTH PLAIN when the server offers only that;
+// AUTH XOAUTH2 for an access token.
 #include "encoding/base64.h"
 #include "platform/errors.h"
 #include "smtp/mail_client_impl.h"
@@ -52,6 +53,39 @@ void MailClientImpl::AuthenticatePlain(const std::u16string& Username,
     if (reply.IsError) {
         Raise(ERROR_AUTH_FAILED,
               u"The mail server could not authenticate you. It replied with '" + reply.Text + u"'",
+              kSourceMailClient);
+    }
+}
+
+void MailClientImpl::AuthenticateToken(const std::u16string& Username,
+                                       const std::u16string& AccessToken) {
+    if (Username.empty() && AccessToken.empty()) return;
+    if (AccessToken.empty()) {
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied a username, but you need an access token as well.", kSourceMailClient);
+    }
+    if (Username.empty()) {
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied an access token, but you need a username as well.", kSourceMailClient);
+    }
+    if (!(m_extensionCapabilities & kCapAuthXOAuth2)) {
+        Raise(ERROR_TOKEN_LOGIN_UNAVAILABLE, u"The mail server does not offer AUTH XOAUTH2.",
+              kSourceMailClient);
+    }
+    // The initial response: "user=" name ^A "auth=Bearer " token ^A ^A.
+    constexpr char16_t kSeparator = u'\x01';
+    std::u16string initial = u"user=" + Username;
+    initial.append(1, kSeparator).append(u"auth=Bearer ").append(AccessToken);
+    initial.append(2, kSeparator);
+    SmtpResponse reply = SendCommand(u"AUTH XOAUTH2 " + Base64Encode(initial));
+    // A refusal comes as a challenge holding the details; an empty line asks for the verdict.
+    if (reply.Code == 334) {
+        const std::u16string details = reply.Text;
+        reply = SendCommand(u"");
+        reply.Text.insert(0, details);
+    }
+    if (reply.Code / 100 != 2) {
+        Raise(ERROR_TOKEN_REFUSED, u"The mail server refused the access token: " + reply.Text,
               kSourceMailClient);
     }
 }

@@ -47,6 +47,7 @@ void MailClientImpl::NegotiateCapabilities() {
     if (reply.Lines.size() < 2) return;
 
     m_capabilities = 0;
+    m_extensionCapabilities = 0;
     // The first line carries the server's name, not a keyword.
     for (std::size_t i = 1; i < reply.Lines.size(); ++i) RecordCapability(reply.Lines[i]);
 }
@@ -66,7 +67,11 @@ void MailClientImpl::RecordCapability(std::u16string_view keywordLine) {
                 m_capabilities |= CAP_AUTH_LOGIN;
             else if (pieces[i] == u"PLAIN")
                 m_capabilities |= CAP_AUTH_PLAIN;
+            else if (pieces[i] == u"XOAUTH2")
+                m_extensionCapabilities |= kCapAuthXOAuth2;
         }
+    } else if (keyword == u"STARTTLS") {
+        m_extensionCapabilities |= kCapStartTls;
     } else if (keyword == u"8BITMIME") {
         m_capabilities |= CAP_8BITMIME;
     } else if (keyword == u"PIPELINING") {

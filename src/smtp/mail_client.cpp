@@ -1,7 +1,9 @@
 // MailClient: the public object, which hands every call to its implementation.
 #include <utility>
 
+#include "larkpost/error.h"
 #include "larkpost/text.h"
+#include "platform/errors.h"
 #include "smtp/mail_client_impl.h"
 
 namespace larkpost {
@@ -26,12 +28,23 @@ int32_t MailClient::Port() const { return m_impl->Port(); }
 
 std::any MailClient::Connect(const std::u16string& Username, const std::u16string& Password) {
     const auto running = m_impl;
-    running->Connect(Username, Password, Timeout);
+    running->Connect(detail::Login{Username, Password, false}, Timeout);
     return {};
 }
 
 std::any MailClient::Connect(std::string_view Username, std::string_view Password) {
     return Connect(FromUtf8(Username), FromUtf8(Password));
+}
+
+std::any MailClient::ConnectWithToken(const std::u16string& Username,
+                                      const std::u16string& AccessToken) {
+    const auto running = m_impl;
+    running->Connect(detail::Login{Username, AccessToken, true}, Timeout);
+    return {};
+}
+
+std::any MailClient::ConnectWithToken(std::string_view Username, std::string_view AccessToken) {
+    return ConnectWithToken(FromUtf8(Username), FromUtf8(AccessToken));
 }
 
 std::any MailClient::Disconnect(bool bForce) {
@@ -55,5 +68,17 @@ void MailClient::AddListener(std::shared_ptr<MailClientEvents> listener) {
 void MailClient::RemoveListener(const std::shared_ptr<MailClientEvents>& listener) {
     m_impl->RemoveListener(listener);
 }
+
+void MailClient::Security(int32_t rhs) {
+    if (rhs < SECURITY_NONE || rhs > SECURITY_TLS)
+        detail::RaiseRuntime(ERROR_INVALID_ARGUMENT, detail::kSourceMailClient);
+    m_impl->Tls().security = rhs;
+}
+int32_t MailClient::Security() const { return m_impl->Tls().security; }
+void MailClient::VerifyCertificate(bool rhs) { m_impl->Tls().verify = rhs; }
+bool MailClient::VerifyCertificate() const { return m_impl->Tls().verify; }
+void MailClient::CaFile(std::u16string rhs) { m_impl->Tls().caFile = std::move(rhs); }
+void MailClient::CaFile(std::string_view rhs) { m_impl->Tls().caFile = FromUtf8(rhs); }
+const std::u16string& MailClient::CaFile() const { return m_impl->Tls().caFile; }
 
 }  // namespace larkpost

@@ -16,6 +16,24 @@
 
 namespace larkpost::detail {
 
+// The credentials of a Connect: a password, or an OAuth 2.0 access token (XOAUTH2).
+struct Login {
+    const std::u16string& user;
+    const std::u16string& secret;
+    bool token;
+};
+
+// How a session secures its connection.
+struct TlsSettings {
+    int32_t security = SECURITY_NONE;
+    bool verify = true;
+    std::u16string caFile;
+};
+
+// Capabilities that only the extensions look at; kept apart from the classic flags.
+inline constexpr int32_t kCapStartTls = 1;
+inline constexpr int32_t kCapAuthXOAuth2 = 2;
+
 class MailClientImpl {
 public:
     // The public members, one for one.
@@ -24,7 +42,9 @@ public:
     void Port(int32_t rhs) { m_port = rhs; }
     int32_t Port() const { return m_port; }
     // timeout (the client's Timeout) becomes the stream's time limit for this session.
-    void Connect(const std::u16string& Username, const std::u16string& Password, int32_t timeout);
+    void Connect(const Login& login, int32_t timeout);
+    TlsSettings& Tls() { return m_tls; }
+    const TlsSettings& Tls() const { return m_tls; }
     void Disconnect(bool bForce);
     void Send(const std::shared_ptr<MailMessage>& message);
     void CancelSend();
@@ -43,11 +63,15 @@ private:
     friend struct MailClientAccess;  // the tests' view of the session state
 
     void NegotiateCapabilities();
+    // STARTTLS on the open session, then EHLO afresh: nothing learnt before TLS is kept.
+    void UpgradeToTls();
+    void StartTls();
     void RecordCapability(std::u16string_view keywordLine);
     std::u16string EhloName();
     void Authenticate(const std::u16string& Username, const std::u16string& Password);
     void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
     void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
+    void AuthenticateToken(const std::u16string& Username, const std::u16string& AccessToken);
     bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
     void DropConnectionQuietly() noexcept;
 
@@ -60,6 +84,8 @@ private:
     std::u16string m_server;
     int32_t m_port = 25;
     int32_t m_capabilities = 0;
+    int32_t m_extensionCapabilities = 0;  // kCap* flags
+    TlsSettings m_tls;
     int32_t m_maxMessageSize = 0;
     bool m_cancelRequested = false;
     // Counts of Connect/Disconnect calls and of Send calls, so that a Send notices when an event

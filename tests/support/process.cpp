@@ -58,6 +58,16 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
+const std::string& Certificates() {
+    static const TempDir dir;
+    static const std::string path =
+        RunProcess({"/bin/sh", LARKPOST_TESTS_DIR "/support/make_certificates.sh", dir.Path()})
+                    .exitCode == 0
+            ? dir.Path() + "/"
+            : "[no certificates]/";
+    return path;
+}
+
 std::string ReadFileBytes(const std::string& path) {
     std::ostringstream bytes;
     bytes << std::ifstream(path, std::ios::binary).rdbuf();

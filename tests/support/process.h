@@ -37,6 +37,10 @@ private:
     std::string m_path;
 };
 
+// The directory, ending in "/", of this run's TLS material (support/make_certificates.sh), made
+// at the first call: ca.pem; server, wrongname, expired, selfsigned (.pem and .key).
+const std::string& Certificates();
+
 std::string ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::string& bytes);
 

@@ -2,7 +2,10 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
+#include <openssl/ssl.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <stdexcept>
 #include <utility>
@@ -51,12 +54,14 @@ ScriptedPeer::ScriptedPeer(std::string_view transcript, const std::string& text)
             m_expected += (line == "<text>" ? text + "\r\n." : line) + "\r\n";
         } else if (item.starts_with("< ") || item.starts_with("~ ")) {
             steps.push_back("<" + line + (item[0] == '<' ? "\r\n" : ""));
-        } else if (item == "!accept" || item == "!close" || item == "!reset" || item == "!wait") {
+        } else if (item == "!accept" || item == "!close" || item == "!reset" || item == "!wait" ||
+                   item == "!hello" || item.starts_with("!tls")) {
             steps.push_back(item);
         } else if (!item.empty()) {
             throw std::invalid_argument("transcript item '" + item + "'");
         }
     }
+    std::signal(SIGPIPE, SIG_IGN);  // TLS writes to a client that has gone
     if (::listen(m_listen, 8) != 0) throw std::runtime_error("no loopback port to listen on");
     m_run = std::async(std::launch::async, [this, steps] {
         for (const std::string& step : steps)
@@ -66,7 +71,7 @@ ScriptedPeer::ScriptedPeer(std::string_view transcript, const std::string& text)
 
 ScriptedPeer::~ScriptedPeer() {
     m_run.wait();  // every step is bounded
-    ::close(m_fd), ::close(m_listen);
+    EndTls(), ::close(m_fd), ::close(m_listen);
 }
 
 std::string ScriptedPeer::Result() {
@@ -78,10 +83,21 @@ std::string ScriptedPeer::Result() {
 // One read into the records: the count of bytes, 0 at the close, -1 at an error or a time-out.
 long ScriptedPeer::Receive() {
     char buffer[65536];
-    const long count = ::recv(m_fd, buffer, sizeof buffer, 0);
+    const long count = m_tls ? SSL_read(m_tls, buffer, sizeof buffer) : ::recv(m_fd, buffer, sizeof buffer, 0);
     std::lock_guard lock(m_mutex);
-    if (count > 0) m_pending.append(buffer, count), m_received.append(buffer, count);
+    if (count > 0) m_pending.append(buffer, count);
+    if (count > 0 && !m_unreadable) m_received.append(buffer, count);
     return count;
+}
+
+long ScriptedPeer::Transmit(const std::string& data, std::size_t from) {
+    const char* start = data.data() + from;
+    const auto size = data.size() - from;
+    return m_tls ? SSL_write(m_tls, start, static_cast<int>(size)) : ::send(m_fd, start, size, MSG_NOSIGNAL);
+}
+
+void ScriptedPeer::EndTls() {
+    SSL_free(std::exchange(m_tls, nullptr));
 }
 
 bool ScriptedPeer::Run(char kind, const std::string& data) {
@@ -89,7 +105,7 @@ bool ScriptedPeer::Run(char kind, const std::string& data) {
     std::string problem;
     if (kind == '<') {
         for (std::size_t done = 0; done < data.size() && count > 0; done += count)
-            count = ::send(m_fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+            count = Transmit(data, done);
         if (count <= 0) problem = "[could not send " + data + "]";
     } else if (kind == '>') {
         for (; count > 0; count = Receive()) {
@@ -106,14 +122,32 @@ bool ScriptedPeer::Run(char kind, const std::string& data) {
         if (m_fd < 0) problem = "[no connection came]";
         std::lock_guard lock(m_mutex);
         m_pending.clear();
+    } else if (data == "hello") {
+        m_unreadable = true;
+        if (Receive() <= 0) problem = "[no hello came]";
+        std::lock_guard lock(m_mutex);
+        m_pending.clear();
+    } else if (data.starts_with("tls")) {
+        const bool refused = data.starts_with("tls-refused ");
+        m_unreadable = false;
+        const std::string base = data.substr(data.find(' ') + 1);
+        SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+        SSL_CTX_use_certificate_chain_file(context, (base + ".pem").c_str());
+        SSL_CTX_use_PrivateKey_file(context, (base + ".key").c_str(), SSL_FILETYPE_PEM);
+        m_tls = SSL_new(context);
+        SSL_CTX_free(context);  // the session holds it
+        SSL_set_fd(m_tls, m_fd);
+        if ((SSL_accept(m_tls) == 1) == refused) problem = refused ? "[TLS came up]" : "[no TLS]";
+        if (refused) EndTls();
     } else if (data == "wait") {
         while ((count = Receive()) > 0) {}
-        if (count < 0 && m_fd >= 0) problem = "[the client did not close]";
+        if (count < 0 && m_fd >= 0 && errno != ECONNRESET) problem = "[the client did not close]";
     } else {  // "close" takes what the client still sends first, so that no RST goes; "reset" does
         const linger reset{1, 0};
         const timeval brief{0, 100000};
         if (data == "reset") ::setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         if (data == "close") ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &brief, sizeof brief);
+        if (m_tls) SSL_shutdown(m_tls), EndTls();
         while (data == "close" && (::shutdown(m_fd, SHUT_WR), Receive()) > 0) {}
         ::close(std::exchange(m_fd, -1));
     }

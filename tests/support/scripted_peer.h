@@ -5,7 +5,12 @@
 //              for this machine's name, "<text>" for a message text and its end (CR LF . CR
 //              LF), a leading "<slice>" for the text's first 512 characters;
 //   "!accept"  the next connection (the first is implicit); "!close" an orderly close (FIN),
-//   "!reset"   an abortive one (RST); "!wait" until the client closes.
+//   "!reset"   an abortive one (RST); "!wait" until the client closes;
+//   "!tls P"   a TLS handshake as the server with the certificate P.pem and key P.key; the
+//              steps after it go through TLS, and the record holds what they decrypt;
+//              "!tls-refused P" one that the client must break off;
+//   "!hello"   the next bytes from the client (its TLS hello); from here until a "!tls" what
+//              the client sends is TLS records, left out of the record.
 // Each step waits at most 10 s.
 #ifndef LARKPOST_TESTS_SCRIPTED_PEER_H
 #define LARKPOST_TESTS_SCRIPTED_PEER_H
@@ -15,6 +20,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+
+struct ssl_st;
 
 namespace larkpost::test {
 
@@ -36,9 +43,13 @@ public:
 private:
     bool Run(char kind, const std::string& bytes);
     long Receive();
+    long Transmit(const std::string& data, std::size_t from);
+    void EndTls();
 
     int32_t m_port = 0;
     int m_listen = -1, m_fd = -1;
+    ssl_st* m_tls = nullptr;
+    bool m_unreadable = false;  // the client sends TLS records the peer has no session for
     std::string m_expected;
     std::future<void> m_run;
     std::mutex m_mutex;
