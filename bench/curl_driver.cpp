@@ -34,11 +34,14 @@ std::size_t ReadUpload(char* buffer, std::size_t size, std::size_t count, void* 
 // One easy handle, one connection: each Transfer is MAIL FROM, RCPT TO, DATA and the text.
 class CurlSession {
 public:
-    explicit CurlSession(int port) : m_handle(curl_easy_init()) {
+    // With a CA file, implicit TLS (smtps) verified against it.
+    CurlSession(int port, const std::string& caFile) : m_handle(curl_easy_init()) {
         if (!m_handle) throw std::runtime_error("curl_easy_init failed");
         m_recipients = curl_slist_append(nullptr, "<rcpt@example.com>");
-        const std::string url = "smtp://127.0.0.1:" + std::to_string(port) + "/localhost";
+        const std::string url = (caFile.empty() ? "smtp" : "smtps") + std::string("://127.0.0.1:") +
+                                std::to_string(port) + "/localhost";
         curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str());
+        if (!caFile.empty()) curl_easy_setopt(m_handle, CURLOPT_CAINFO, caFile.c_str());
         curl_easy_setopt(m_handle, CURLOPT_MAIL_FROM, "<sender@example.com>");
         curl_easy_setopt(m_handle, CURLOPT_MAIL_RCPT, m_recipients);
         curl_easy_setopt(m_handle, CURLOPT_UPLOAD, 1L);
@@ -68,7 +71,7 @@ private:
 
 int SendMessages(const bench::Args& args, long count) {
     const std::string text = bench::ReadFileBytes(args.Text("message"));
-    CurlSession session(static_cast<int>(args.Number("port")));
+    CurlSession session(static_cast<int>(args.Number("port")), args.Has("ca") ? args.Text("ca") : "");
     // Opens the connection (greeting, EHLO) outside the measurement, as the other clients do.
     session.Transfer("Subject: open\r\n\r\nopen\r\n");
 

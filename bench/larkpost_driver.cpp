@@ -95,10 +95,12 @@ int Assemble(const bench::Args& args) {
 }
 
 // Connects a client to the sink on loopback; EHLO is part of Connect.
-std::unique_ptr<MailClient> OpenSession(int port) {
+// With a CA file, implicit TLS verified against it.
+std::unique_ptr<MailClient> OpenSession(int port, const std::string& caFile = {}) {
     auto client = std::make_unique<MailClient>();
     client->Server("127.0.0.1");
     client->Port(port);
+    if (!caFile.empty()) client->Security(larkpost::SECURITY_TLS), client->CaFile(caFile);
     client->Timeout = 60;
     client->Connect();
     return client;
@@ -108,7 +110,7 @@ int SendOne(const bench::Args& args) {
     auto message = NewMessage(bench::ReadFileBytes(args.Text("body")));
     message->AttachFile(args.Text("attach"));
     const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();  // warms the cache
-    auto client = OpenSession(static_cast<int>(args.Number("port")));
+    auto client = OpenSession(static_cast<int>(args.Number("port")), args.Has("ca") ? args.Text("ca") : "");
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
     const double cpuBefore = bench::CpuSeconds();

@@ -396,6 +396,29 @@ class Suite:
                                   THP_ENV if impl.endswith("-thp") else None))
             self.round_robin(cases)
 
+    def run_tls(self, inputs, port):
+        """One message over implicit TLS (tls_proxy.py in front of smtp-sink), pauses skipped."""
+        print("== one message over TLS", flush=True)
+        certs = inputs.path("certs")
+        os.makedirs(certs, exist_ok=True)
+        subprocess.run(["/bin/sh", os.path.join(HERE, "../tests/support/make_certificates.sh"), certs],
+                       check=True, capture_output=True)
+        proxy = subprocess.Popen(["/usr/bin/python3", os.path.join(HERE, "tls_proxy.py"),
+                                  certs + "/server.pem", certs + "/server.key", str(port)], stdout=subprocess.PIPE)
+        try:
+            tls_port, ca, size = int(proxy.stdout.readline()), certs + "/ca.pem", inputs.send_sizes[-1]
+            cases = [Case("tls/%dM/larkpost-nopause" % (size // MIB), self.command(
+                         "larkpost", "send", port=tls_port, ca=ca, pauses="skip", body=inputs.path("body.txt"),
+                         attach=inputs.path(inputs.send_attach_name(size))), self.reps, 300)]
+            if self.available("curl"):
+                cases.append(Case("tls/%dM/curl" % (size // MIB), self.command(
+                    "curl", "send", port=tls_port, ca=ca, message=inputs.path(inputs.send_message_name(size))),
+                    self.reps, 300))
+            self.round_robin(cases)
+        finally:
+            proxy.terminate()
+            proxy.wait(5)
+
     def run_sessions(self, inputs, port):
         print("== small messages in one session", flush=True)
         counts = [50] if self.options.quick else [500, 200]
@@ -460,10 +483,12 @@ class Suite:
                 self.run_encoders(inputs)
             if not wanted or "assembly" in wanted:
                 self.run_assembly(inputs)
-            if not wanted or wanted & {"send", "session"}:
+            if not wanted or wanted & {"send", "session", "tls"}:
                 sink = SmtpSink(os.path.join(self.options.out, "smtp-sink.log"))
                 if not wanted or "send" in wanted:
                     self.run_sends(inputs, sink.port)
+                if not wanted or "tls" in wanted:
+                    self.run_tls(inputs, sink.port)
                 if not wanted or "session" in wanted:
                     self.run_sessions(inputs, sink.port)
             if not wanted or "idle" in wanted:
@@ -567,6 +592,7 @@ class Report:
         self.out()
         self.assembly()
         self.sends()
+        self.tls()
         self.sessions()
         self.idle()
         self.encoders()
@@ -701,6 +727,24 @@ class Report:
                             "%.3f s vs %.3f s (%.1f%% above)" % (seconds, nominal + transfer,
                                                                  (seconds / (nominal + transfer) - 1) * 100),
                             "information", None)
+
+    def tls(self):
+        keys = sorted(k for k in self.suite.results if k.startswith("tls/"))
+        if not keys:
+            return
+        self.out("### One message over TLS")
+        self.out()
+        self.out("Implicit TLS with a verified certificate, through a TLS front (bench/tls_proxy.py) to smtp-sink; "
+                 "Larkpost with its pauses skipped. The transfer alone, the session open.")
+        self.out()
+        self.table(["message", "implementation", "seconds", "CPU seconds"],
+                   [[k.split("/")[1], self.IMPL_NAMES.get(k.split("/")[2], k.split("/")[2]), "%.4f" % self.med(k),
+                     "%.4f" % self.med(k, "cpu_seconds")] for k in keys])
+        base = keys[0].rsplit("/", 1)[0]
+        ours, curl = self.med(base + "/larkpost-nopause"), self.med(base + "/curl")
+        if ours and curl:
+            self.target("TLS send no slower than libcurl", "%.4f s vs %.4f s (%.2fx)" % (ours, curl, curl / ours),
+                        "ratio >= 1", ours <= curl)
 
     def net_seconds(self, key):
         runs = self.suite.results.get(key)
@@ -880,7 +924,7 @@ def main():
     parser.add_argument("--build", default="build-bench", help="build directory with bench/ binaries")
     parser.add_argument("--reps", type=int, default=5, help="repetitions per case (Larkpost's big sends: 3)")
     parser.add_argument("--quick", action="store_true", help="small sizes, one repetition: a smoke run")
-    parser.add_argument("--only", default="", help="comma list of: encoders,assembly,send,session,idle")
+    parser.add_argument("--only", default="", help="comma list of: encoders,assembly,send,tls,session,idle")
     parser.add_argument("--out", default=None, help="directory for results.md and results.json")
     options = parser.parse_args()
     options.out = os.path.abspath(options.out or os.path.join(options.build, "bench-results"))
