@@ -19,6 +19,7 @@
 #include "support/scripted_peer.h"
 #include "support/raised.h"
 #include "support/tcp_stream_access.h"
+#include "support/under_valgrind.h"
 
 namespace larkpost {
 namespace {
@@ -201,7 +202,7 @@ TEST(StreamOverARealSocket, FlushThatMakesNoProgressEndsInTheTimeOut) {
 TEST(StreamOverTls, NoDecryptedByteWaitsInsideTls) {
     const std::string line(250, 'y');
     test::ScriptedPeer peer("!tls " + test::Certificates() + "server|< " + line + "|!wait");
-    detail::SetTickScaleForTesting(0.05);
+    detail::SetTickScaleForTesting(test::UnderValgrind() ? 0.5 : 0.05);
     detail::PosixSocketControl::SetReadChunkForTesting(100);
     TcpStream stream;
     stream.Connect(u"127.0.0.1", peer.Port());

@@ -507,10 +507,11 @@ void PosixSocketControl::Abandon() {
 }
 
 // The connection is over: the descriptor goes, and the TlsFailed event tells why.
-void PosixSocketControl::FailTls(TlsFailure failure) {  // a copy: it may live in the session
+void PosixSocketControl::FailTls(const TlsFailure& failure) {
+    TlsFailure kept = failure;  // it may live in the session that Abandon ends
     Abandon();
-    Post([failure](SocketControlEvents& sink) {
-        sink.TlsFailed(failure.number, failure.description);
+    Post([kept = std::move(kept)](SocketControlEvents& sink) {
+        sink.TlsFailed(kept.number, kept.description);
     });
 }
 

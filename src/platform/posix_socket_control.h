@@ -94,7 +94,7 @@ private:
     void WriteQueued();
     void CompleteSends();
     void Fail(const SocketFailure& failure);
-    void FailTls(TlsFailure failure);
+    void FailTls(const TlsFailure& failure);
     // Closes the descriptor and forgets the connection's queues: the common part of a failure.
     void Abandon();
     void CloseFd() noexcept;
