@@ -256,6 +256,11 @@ class SecureRelay(unittest.TestCase):
     def test_c_interface_with_a_token_and_a_certificate_that_fails(self):
         c = Library()
         self.assertEqual(len(declarations()), 67)
+        client = c.out("create", "Larkpost.MailClient", kind=ctypes.c_void_p)
+        with self.assertRaises(LarkpostError) as refused:  # a value outside SECURITY_*
+            c.call("mail_client_set_security", client, 3)
+        self.assertEqual(refused.exception.number, 5)
+        c.lib.larkpost_release(client)
         with self.relay("implicit", "XOAUTH2", "t0ken") as (port, messages):
             for ca, token, number in [("/selfsigned.pem", "t0ken", ERROR_BASE + 4004), ("/ca.pem", "wrong", ERROR_BASE + 4007),
                                       ("/ca.pem", "t0ken", 0)]:
