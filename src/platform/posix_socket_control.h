@@ -49,6 +49,7 @@ public:
     void SendData(std::string_view bytes) override;
     // MaxLen <= 0 takes everything queued. Throws sckInvalidArg for a Type other than vbString.
     void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) override;
+    void GetBytes(std::string& Data, int32_t MaxLen) override;
     std::u16string LocalHostName() override;
     std::u16string LocalIP() override;
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/codepage.h"
+
 namespace larkpost::detail {
 
 // Values of SocketControl::State.
@@ -64,6 +66,12 @@ public:
     virtual void SendData(std::string_view bytes) = 0;
     // Up to MaxLen received bytes as text (each byte one character), removed from the queue.
     virtual void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) = 0;
+    // The same bytes as they came, for a reader that keeps them in the code page.
+    virtual void GetBytes(std::string& Data, int32_t MaxLen) {
+        std::u16string text;
+        GetData(text, vbString, MaxLen);
+        Data = ToAnsi(text);
+    }
     virtual std::u16string LocalHostName() = 0;
     // The address of the local end of the connection, empty when there is none.
     virtual std::u16string LocalIP() = 0;

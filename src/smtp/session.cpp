@@ -18,8 +18,9 @@ void MailClientImpl::Connect(const std::u16string& Username, const std::u16strin
     // greeting is read.
     m_stream.ResponseTimeout = timeout;
 
-    const SmtpResponse greeting = ReadResponse();
-    if (greeting.IsError) Raise(ERROR_GREETING_REFUSED, greeting.Text, kSourceMailClient);
+    SmtpResponse greeting = ReadResponse();
+    if (greeting.IsError)
+        Raise(ERROR_GREETING_REFUSED, std::move(greeting.Text), kSourceMailClient);
 
     NegotiateCapabilities();
     Authenticate(Username, Password);
