@@ -1,8 +1,11 @@
 // MailClient against a scripted peer: the exact bytes and outcome of sessions, with refused,
 // broken or silent servers and host code inside the events. The soak against aiosmtpd.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <thread>
@@ -349,6 +352,54 @@ TEST(SmtpEhloName, TheHostNameElseTheAddressLiteral) {
     EXPECT_EQ(detail::EhloDomain(u"mail", u"10.0.0.5") + detail::EhloDomain(u"", u"127.0.0.1") +
                   detail::EhloDomain(u"", u"2001:db8::7") + detail::EhloDomain(u"", u""),
               u"mail[127.0.0.1][IPv6:2001:db8::7]localhost");
+}
+
+// KiB in a field of /proc/self/status.
+long StatusKb(const std::string& field) {
+    const std::string status = test::ReadFileBytes("/proc/self/status");
+    const std::size_t at = status.find(field + ":");
+    return at == std::string::npos ? -1 : std::atol(status.c_str() + at + field.size() + 1);
+}
+
+// A reply costs at most three bytes a character at its peak: a greeting of one 24 MiB line, and
+// an EHLO reply of 24 MiB in 1 KiB lines whose last announces SIZE (the send then stops before
+// MAIL FROM). Each session runs in a child whose peak resident size is reset as it starts; the
+// exit status is tenths of a byte a character. (Not judged under ASan or Valgrind, whose
+// bookkeeping holds freed memory.)
+TEST(ReplyMemory, AtMostThreeBytesACharacter) {
+    constexpr std::size_t kChars = 24 << 20, kLine = 1024;
+    std::string lines;
+    for (std::size_t i = 0; i < kChars / kLine; ++i) lines += "< 250-" + std::string(kLine - 6, 'y') + "|";
+    const std::string ehlo = "|> EHLO <host>|< ";
+    for (const std::string& transcript :
+         {"< 220 " + std::string(kChars - 4, 'x') + ehlo + "250-mail|< 250 SIZE 77",
+          "< 220 hi" + ehlo.substr(0, ehlo.size() - 2) + lines + "< 250 SIZE 77"}) {
+        test::ScriptedPeer peer(transcript + "|!wait");
+        std::fflush(stdout);  // else the child would hold, and might write, what is buffered
+        const pid_t child = fork();
+        if (child == 0) {  // free memory of the parent's heap would hide growth: give it back first
+            malloc_trim(0);
+            test::WriteFileBytes("/proc/self/clear_refs", "5");
+            const long before = StatusKb("VmHWM");
+            MailClient client;
+            client.Server("127.0.0.1"), client.Port(peer.Port());
+            const bool stopped = Outcome([&] { client.Connect(); }).empty() &&
+                                 Outcome([&] { client.Send(NewMessage()); }).starts_with("+2006 ");
+            const long tenths = (StatusKb("VmHWM") - before) * 1024 * 10 / long(kChars);
+            client.Disconnect(true);
+            _exit(stopped ? int(std::min(tenths, 254L)) : 255);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(peer.Result(), peer.Expected());
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 255) << "the session failed";
+        std::printf("reply memory: %.1f bytes a character\n", WEXITSTATUS(status) / 10.0);
+#ifndef __SANITIZE_ADDRESS__
+        if (!test::UnderValgrind()) {
+            EXPECT_LE(WEXITSTATUS(status), 30) << "tenths of a byte a character";
+        }
+#endif
+    }
 }
 
 // 10,000 messages through one client in 100 reconnecting sessions to aiosmtpd, which keeps each

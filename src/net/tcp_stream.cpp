@@ -173,7 +173,8 @@ void TcpStreamImpl::StartTls(bool VerifyCertificate, const std::u16string& CaFil
             options.caFile = std::move(*native);
         }
         // Plaintext read before the handshake must never pass for protected text after it.
-        if (!Unread().empty()) Raise(ERROR_TLS_UNEXPECTED_DATA, kDataBeforeTls, kSourceTcpStream);
+        if (!m_receiveBuffer.Empty())
+            Raise(ERROR_TLS_UNEXPECTED_DATA, kDataBeforeTls, kSourceTcpStream);
         const uint64_t started = m_tlsStartedEvents;
         m_socket->StartTls(options);
         const bool done = WithTicker(false, [&] {
@@ -238,8 +239,7 @@ void TcpStreamImpl::ReleaseSocket() noexcept {
 void TcpStreamImpl::DiscardLeftovers() {
     m_sendBuffer.clear();
     if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
-    m_receiveBuffer.clear();
-    m_receiveOffset = 0;
+    m_receiveBuffer.Clear();
     m_lastArrivalBytes = 0;
     m_errorPending = false;
 }
@@ -301,14 +301,10 @@ void TcpStreamImpl::m_socket_Close() {
 
 void TcpStreamImpl::m_socket_DataArrival(int32_t bytesTotal) {
     SetState(STATE_DATA_ARRIVED);
-    m_socket->GetData(m_arrival, vbString, bytesTotal);
-    // Drop the read front once it is at least half of the buffer: each character is then
-    // moved a bounded number of times.
-    if (m_receiveOffset > 0 && m_receiveOffset * 2 >= m_receiveBuffer.size()) {
-        m_receiveBuffer.erase(0, m_receiveOffset);
-        m_receiveOffset = 0;
-    }
-    m_receiveBuffer += m_arrival;
+    // The bytes stay bytes until a read returns them: the code page maps each byte to one
+    // character and back, so converting later gives the same text at half the memory.
+    m_socket->GetBytes(m_arrival, bytesTotal);
+    m_receiveBuffer.Append(m_arrival);
     m_arrival.clear();
     m_lastArrivalBytes = bytesTotal;
 }
@@ -395,23 +391,11 @@ void TcpStreamImpl::Flush() {
 
 // ---- Reading ----
 
-std::u16string_view TcpStreamImpl::Unread() const {
-    return std::u16string_view(m_receiveBuffer).substr(m_receiveOffset);
-}
-
-void TcpStreamImpl::Consume(std::size_t count) {
-    m_receiveOffset += count;
-    if (m_receiveOffset >= m_receiveBuffer.size()) {
-        m_receiveBuffer.clear();
-        m_receiveOffset = 0;
-    }
-}
-
 void TcpStreamImpl::AwaitUnread(std::size_t seen) {
     RequireOwnThread();
     if (!m_sendBuffer.empty()) Flush();
     bool stuck = false;
-    if (Unread().size() <= seen) {
+    if (m_receiveBuffer.Size() <= seen) {
         // Before the first Connect there is no control that could ever deliver anything.
         if (!m_socket || !m_ticker) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
         SetState(STATE_WAITING_FOR_DATA);
@@ -424,16 +408,16 @@ void TcpStreamImpl::AwaitUnread(std::size_t seen) {
 std::u16string TcpStreamImpl::Peek(int32_t NumChars) {
     AwaitUnread(0);
     if (NumChars < 0) RaiseRuntime(ERROR_INVALID_ARGUMENT, kSourceTcpStream);
-    return std::u16string(Unread().substr(0, static_cast<std::size_t>(NumChars)));
+    return m_receiveBuffer.Peek(0, static_cast<std::size_t>(NumChars));
 }
 
 std::u16string TcpStreamImpl::Read(int32_t NumChars) {
     std::u16string result = Peek(NumChars);
-    Consume(result.size());
+    m_receiveBuffer.Drop(result.size());
     return result;
 }
 
-std::u16string TcpStreamImpl::ReadLine() {
+std::size_t TcpStreamImpl::AwaitLine() {
     // The characters of the line stay in the receive buffer, counted by `taken`, until the CR LF
     // has come; then the line leaves the buffer in one piece. A failure on the way drops what
     // was taken, as a read character by character would have.
@@ -441,40 +425,35 @@ std::u16string TcpStreamImpl::ReadLine() {
     try {
         for (;;) {
             AwaitUnread(taken);
-            const std::u16string_view unread = Unread();
-            if (unread.size() <= taken) continue;  // an arrival that brought no characters
+            const std::size_t unread = m_receiveBuffer.Size();
+            if (unread <= taken) continue;  // an arrival that brought no characters
             // No CR LF lies before taken - 1; one may begin at a CR that came last so far.
-            const std::size_t end = unread.find(u"\r\n", taken > 0 ? taken - 1 : 0);
-            const bool complete = end != std::u16string_view::npos;
-            taken = complete ? end + 2 : unread.size();
+            const std::size_t end = m_receiveBuffer.FindLineEnd(taken > 0 ? taken - 1 : 0);
+            const bool complete = end != std::string_view::npos;
+            taken = complete ? end + 2 : unread;
             // Lets in the events that a pump after every character but the first would have.
             if (taken >= 2) HostKitGlobal().Services().PumpEvents();
-            if (complete) return TakeLine(taken);
+            if (complete) return taken;
         }
     } catch (...) {
-        Consume(taken);
+        m_receiveBuffer.Drop(taken);
         throw;
     }
 }
 
-std::u16string TcpStreamImpl::TakeLine(std::size_t length) {
-    std::u16string line;
-    if (m_receiveOffset == 0 && length == m_receiveBuffer.size()) {
-        // The line is all the buffer holds (a long line usually is): hand the buffer over.
-        line = std::move(m_receiveBuffer);
-        m_receiveBuffer.clear();
-        line.resize(length - 2);
-        return line;
-    }
-    line.assign(Unread().substr(0, length - 2));
-    Consume(length);
+std::u16string TcpStreamImpl::ReadLine() {
+    const std::size_t length = AwaitLine();
+    std::u16string line = m_receiveBuffer.Take(length - 2);
+    m_receiveBuffer.Drop(2);
     return line;
 }
+
+void TcpStreamImpl::ReadLineTo(ByteQueue& out) { m_receiveBuffer.MoveTo(out, AwaitLine()); }
 
 bool TcpStreamImpl::AtEndOfStream() {
     RequireOwnThread();
     if (!m_sendBuffer.empty()) Flush();
-    const bool atEnd = Unread().empty() && m_lastArrivalBytes > 0;
+    const bool atEnd = m_receiveBuffer.Empty() && m_lastArrivalBytes > 0;
     SetState(STATE_CONNECTED);
     return atEnd;
 }

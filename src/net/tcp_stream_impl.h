@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "larkpost/tcp_stream.h"
+#include "net/byte_queue.h"
 #include "platform/socket_control.h"
 #include "platform/ticker.h"
 
@@ -46,6 +47,8 @@ public:
     // Makes room for count more bytes of unsent text at once, so a whole message handed over in
     // slices is copied into the buffer once and never moved while it grows.
     void ReserveSend(std::size_t count);
+    // ReadLine for the client: the line and its CR LF go to the end of out, in the code page.
+    void ReadLineTo(ByteQueue& out);
 
 private:
     friend struct TcpStreamAccess;  // the tests' view of the state machine
@@ -86,21 +89,18 @@ private:
     // Peek's first steps: flush, wait while no more than `seen` characters are unread, raise a
     // pending error.
     void AwaitUnread(std::size_t seen);
-    // The next `length` unread characters, which end in CR LF, as a line without them.
-    std::u16string TakeLine(std::size_t length);
-    std::u16string_view Unread() const;
-    void Consume(std::size_t count);
+    // ReadLine's wait: the length of the first unread line with its CR LF, once it has come.
+    std::size_t AwaitLine();
 
     TcpStream& m_owner;
     int32_t m_state = 0;
     int32_t m_errorNumber = 0;
     std::u16string m_errorDescription;
     bool m_errorPending = false;
-    // Unread characters live at m_receiveBuffer[m_receiveOffset...]; reads advance the offset.
-    std::u16string m_receiveBuffer;
-    std::size_t m_receiveOffset = 0;
-    // Where GetData puts an arrival; it keeps its capacity from one arrival to the next.
-    std::u16string m_arrival;
+    // Unread characters, kept in the code page until a read takes them.
+    ByteQueue m_receiveBuffer;
+    // Where GetBytes puts an arrival; it keeps its capacity from one arrival to the next.
+    std::string m_arrival;
     // Unsent text, kept already in the code page it goes out in.
     std::string m_sendBuffer;
     int32_t m_lastArrivalBytes = 0;

@@ -12,6 +12,12 @@ namespace larkpost::detail {
 // systems that refuse, are left alone.
 void AdviseHugePages(const void* data, std::size_t bytes) noexcept;
 
+// Gives the whole pages inside a buffer whose contents are no longer needed back to the system
+// at once (they read as zeros if touched again). The allocator keeps freed blocks of moderate
+// size on its heap, still resident: a large text taken apart piece by piece, and converted as it
+// goes, would otherwise hold its old and new forms in full at the end.
+void ReleasePages(void* data, std::size_t bytes) noexcept;
+
 }  // namespace larkpost::detail
 
 #endif

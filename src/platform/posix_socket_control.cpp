@@ -264,15 +264,23 @@ void PosixSocketControl::SendData(std::string_view bytes) {
 
 void PosixSocketControl::GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) {
     if (Type != vbString) RaiseSocket(sckInvalidArg, u"GetData supports only the string type (8).");
+    std::string bytes;
+    GetBytes(bytes, MaxLen);
+    Data.clear();
+    AppendFromAnsi(Data, bytes);
+}
+
+void PosixSocketControl::GetBytes(std::string& Data, int32_t MaxLen) {
     const std::size_t available = m_received.size() - m_receivedOffset;
     const std::size_t count =
         MaxLen <= 0 ? available : std::min(available, static_cast<std::size_t>(MaxLen));
-    Data.clear();
-    AppendFromAnsi(Data, std::string_view(m_received).substr(m_receivedOffset, count));
+    Data.assign(m_received, m_receivedOffset, count);
     m_receivedOffset += count;
     if (m_receivedOffset == m_received.size()) {
         m_received.clear();
         m_receivedOffset = 0;
+        // A reader that fell behind let the queue grow: give that memory back once it is read.
+        if (m_received.capacity() > 2 * kReadChunk) std::string().swap(m_received);
     } else if (m_receivedOffset > m_received.size() / 2) {
         m_received.erase(0, m_receivedOffset);
         m_receivedOffset = 0;

@@ -55,6 +55,7 @@ public:
     // Bytes from the server that wait unread at this point fail it: TLS has the client speak
     // first, so they can only be plaintext slipped in before the handshake.
     void StartTls(const TlsOptions& options) override;
+    void GetBytes(std::string& Data, int32_t MaxLen) override;
     std::u16string LocalHostName() override;
     std::u16string LocalIP() override;
 

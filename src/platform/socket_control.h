@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/codepage.h"
 #include "platform/tls_session.h"
 
 namespace larkpost::detail {
@@ -74,6 +75,12 @@ public:
     // or TlsFailed. From then on every byte in and out goes through TLS. An empty host name in
     // options stands for the host given to Connect. Controls without TLS raise sckBadState.
     virtual void StartTls(const TlsOptions& options);
+    // The same bytes as they came, for a reader that keeps them in the code page.
+    virtual void GetBytes(std::string& Data, int32_t MaxLen) {
+        std::u16string text;
+        GetData(text, vbString, MaxLen);
+        Data = ToAnsi(text);
+    }
     virtual std::u16string LocalHostName() = 0;
     // The address of the local end of the connection, empty when there is none.
     virtual std::u16string LocalIP() = 0;

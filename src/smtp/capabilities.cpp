@@ -44,12 +44,12 @@ std::vector<std::u16string_view> SplitAtSpaces(std::u16string_view text) {
 void MailClientImpl::NegotiateCapabilities() {
     const SmtpResponse reply = SendCommandChecked(u"EHLO " + EhloName());
     // A one-line reply announces nothing, and what an earlier session learnt stays.
-    if (reply.Lines.size() < 2) return;
+    if (reply.LineStarts.size() < 2) return;
 
     m_capabilities = 0;
     m_extensionCapabilities = 0;
     // The first line carries the server's name, not a keyword.
-    for (std::size_t i = 1; i < reply.Lines.size(); ++i) RecordCapability(reply.Lines[i]);
+    for (std::size_t i = 1; i < reply.LineStarts.size(); ++i) RecordCapability(reply.Line(i));
 }
 
 void MailClientImpl::RecordCapability(std::u16string_view keywordLine) {

@@ -19,8 +19,9 @@ void MailClientImpl::Connect(const Login& login, int32_t timeout) {
     m_stream.ResponseTimeout = timeout;
     if (m_tls.security == SECURITY_TLS) StartTls();
 
-    const SmtpResponse greeting = ReadResponse();
-    if (greeting.IsError) Raise(ERROR_GREETING_REFUSED, greeting.Text, kSourceMailClient);
+    SmtpResponse greeting = ReadResponse();
+    if (greeting.IsError)
+        Raise(ERROR_GREETING_REFUSED, std::move(greeting.Text), kSourceMailClient);
 
     NegotiateCapabilities();
     if (m_tls.security == SECURITY_STARTTLS) UpgradeToTls();

@@ -13,7 +13,9 @@ struct TcpStreamAccess {  // the implementation names it a friend
     static bool ErrorPending(const TcpStream& s) { return Of(s).m_errorPending; }
     static void SetTicksLeft(TcpStream& s, int32_t ticks) { Of(s).m_ticksLeft = ticks; }
     static const std::string& SendBuffer(const TcpStream& s) { return Of(s).m_sendBuffer; }
-    static std::u16string Unread(const TcpStream& s) { return std::u16string(Of(s).Unread()); }
+    static std::u16string Unread(const TcpStream& s) {
+        return Of(s).m_receiveBuffer.Peek(0, Of(s).m_receiveBuffer.Size());
+    }
     static void Tick(TcpStream& s) { Of(s).m_ticker_Elapsed(); }  // as the pump delivers it
 };
 
