@@ -13,6 +13,7 @@ struct Options {
     bool help = false;
     bool version = false;
     bool quiet = false;
+    bool compat = false;
     std::string server;
     int32_t port = 25;
     int32_t timeout = 30;
@@ -27,6 +28,7 @@ struct Options {
     std::optional<std::string> bodyFile;
     std::optional<std::string> htmlFile;
     std::vector<std::string> attachments;
+    std::vector<std::string> headers;  // "Name: value"
     std::optional<std::string> saveFile;
 };
 
