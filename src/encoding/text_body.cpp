@@ -1,5 +1,7 @@
 #include "encoding/text_body.h"
 
+#include <array>
+
 #include "encoding/base64.h"
 #include "encoding/uninitialized_append.h"
 #include "larkpost/text.h"
@@ -10,39 +12,59 @@ namespace {
 // Characters on a line before the "=" of a soft break.
 constexpr std::size_t kMaxLineLength = 75;
 
+// What a byte is to the encoder, by its value alone: a printable character (33-126 but "="),
+// a space or tab, CR, or anything else.
+enum class ByteClass : unsigned char { kPrintable, kBlank, kCR, kOther };
+
+constexpr std::array<ByteClass, 256> MakeByteClasses() {
+    std::array<ByteClass, 256> classes{};
+    for (unsigned b = 0; b < 256; ++b)
+        classes[b] = b == ' ' || b == '\t'             ? ByteClass::kBlank
+                     : b == '\r'                       ? ByteClass::kCR
+                     : b >= 33 && b <= 126 && b != '=' ? ByteClass::kPrintable
+                                                       : ByteClass::kOther;
+    return classes;
+}
+constexpr std::array<ByteClass, 256> kByteClasses = MakeByteClasses();
+
 // The encoding rule, shared by the length pass and the writing pass so the two agree: emit
 // receives each piece of output, soft breaks and line ends included.
 template <typename Emit>
 void WalkQuotedPrintable(std::string_view bytes, Emit emit) {
     constexpr char hex[] = "0123456789ABCDEF";
+    const std::size_t n = bytes.size();
     std::size_t line = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const unsigned char b = bytes[i];
-        const bool lineEndNext = i + 1 == bytes.size() || bytes.substr(i + 1, 2) == "\r\n";
-        if (b == '\r' && bytes.substr(i, 2) == "\r\n") {
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto b = static_cast<unsigned char>(bytes[i]);
+        const ByteClass kind = kByteClasses[b];
+        if (kind == ByteClass::kCR && i + 1 < n && bytes[i + 1] == '\n') {
             emit("\r\n", 2);
             line = 0;
             ++i;
             continue;
         }
         // A "." or "From " may not start a line, nor a space or tab end one.
+        const bool lineEndNext =
+            i + 1 == n || (bytes[i + 1] == '\r' && i + 2 < n && bytes[i + 2] == '\n');
         auto literalAt = [&](std::size_t column) {
-            if (b == ' ' || b == '\t') return !lineEndNext;
-            return b >= 33 && b <= 126 && b != '=' &&
-                   !(column == 0 && (b == '.' || (b == 'F' && bytes.substr(i, 5) == "From ")));
+            if (kind == ByteClass::kBlank) return !lineEndNext;
+            return kind == ByteClass::kPrintable &&
+                   (column != 0 || (b != '.' && !(b == 'F' && bytes.substr(i, 5) == "From ")));
         };
-        if (line + (literalAt(line) ? 1 : 3) > kMaxLineLength) {
+        bool literal = literalAt(line);
+        if (line + (literal ? 1 : 3) > kMaxLineLength) {
             emit("=\r\n", 3);
             line = 0;
+            literal = literalAt(0);
         }
-        const bool literal = literalAt(line);
-        const std::size_t length = literal ? 1 : 3;
-        const char encoded[3] = {'=', hex[b >> 4], hex[b & 15]};
-        if (literal)
-            emit(reinterpret_cast<const char*>(&bytes[i]), 1);
-        else
+        if (literal) {
+            emit(&bytes[i], 1);
+            ++line;
+        } else {
+            const char encoded[3] = {'=', hex[b >> 4], hex[b & 15]};
             emit(encoded, 3);
-        line += length;
+            line += 3;
+        }
     }
 }
 

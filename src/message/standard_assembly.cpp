@@ -128,10 +128,12 @@ std::u16string PlainBodyContentType(std::u16string_view mimeType) {
     return std::move(line).Finish();
 }
 
-std::u16string TextPart(std::u16string contentTypeLine, std::u16string_view text) {
-    const EncodedTextBody encoded = EncodeTextBody(text);
-    return contentTypeLine + u"Content-Transfer-Encoding: " +
-           std::u16string(encoded.transferEncoding) + u"\r\n\r\n" + encoded.text;
+void AddTextPart(std::vector<std::u16string>& pieces, std::u16string contentTypeLine,
+                 std::u16string_view text) {
+    EncodedTextBody encoded = EncodeTextBody(text);
+    pieces.push_back(std::move(contentTypeLine) + u"Content-Transfer-Encoding: " +
+                     std::u16string(encoded.transferEncoding) + u"\r\n\r\n");
+    pieces.push_back(std::move(encoded.text));
 }
 
 std::u16string MultipartLine(std::u16string_view subtype, const std::u16string& boundary) {
@@ -204,21 +206,22 @@ StandardAssembly::StandardAssembly(const MessageFields& fields) {
     const std::u16string mixed = MakeBoundary();
     const std::u16string alternative = MakeBoundary();
     const bool plain = !fields.body.empty(), html = !fields.bodyHTML.empty();
-    m_head = MessageHeader(fields) + MultipartLine(u"mixed", mixed);
-    m_head += u"\r\n";
+    m_head.push_back(MessageHeader(fields) + MultipartLine(u"mixed", mixed) + u"\r\n");
     // Without any body or file, an empty plain text stands for the body.
     if (plain || html || fields.attachments.Count() == 0) {
-        m_head += u"--" + mixed + u"\r\n";
+        m_head.push_back(u"--" + mixed + u"\r\n");
         const std::u16string htmlType = u"Content-Type: text/html; charset=utf-8\r\n";
         if (plain && html) {
-            m_head += MultipartLine(u"alternative", alternative) + u"\r\n--" + alternative +
-                      u"\r\n" + TextPart(PlainBodyContentType(fields.mimeType), fields.body) +
-                      u"\r\n--" + alternative + u"\r\n" + TextPart(htmlType, fields.bodyHTML) +
-                      u"\r\n--" + alternative + u"--";
+            m_head.push_back(MultipartLine(u"alternative", alternative) + u"\r\n--" + alternative +
+                             u"\r\n");
+            AddTextPart(m_head, PlainBodyContentType(fields.mimeType), fields.body);
+            m_head.push_back(u"\r\n--" + alternative + u"\r\n");
+            AddTextPart(m_head, htmlType, fields.bodyHTML);
+            m_head.push_back(u"\r\n--" + alternative + u"--");
         } else if (html) {
-            m_head += TextPart(htmlType, fields.bodyHTML);
+            AddTextPart(m_head, htmlType, fields.bodyHTML);
         } else {
-            m_head += TextPart(PlainBodyContentType(fields.mimeType), fields.body);
+            AddTextPart(m_head, PlainBodyContentType(fields.mimeType), fields.body);
         }
     }
     for (const auto& path : fields.attachments) {
@@ -239,14 +242,15 @@ StandardAssembly::StandardAssembly(const MessageFields& fields) {
 }
 
 std::size_t StandardAssembly::Length() const {
-    std::size_t length = m_head.size() + m_tail.size();
+    std::size_t length = m_tail.size();
+    for (const auto& piece : m_head) length += piece.size();
     for (const auto& attachment : m_attachments)
         length += attachment.head.size() + Base64EncodedLength(attachment.size);
     return length;
 }
 
 void StandardAssembly::WriteTo(std::u16string& out) const {
-    out += m_head;
+    for (const auto& piece : m_head) out += piece;
     for (const auto& attachment : m_attachments)
         AppendAttachedFile(*attachment.path, out, false,
                            [&](std::uint64_t) { out += attachment.head; });

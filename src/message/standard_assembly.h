@@ -32,7 +32,9 @@ private:
         std::uint64_t size;
     };
 
-    std::u16string m_head;  // the message header and the bodies' part
+    // The message header and the bodies' part, in pieces: the encoded bodies are not copied
+    // until WriteTo puts them into the reserved text.
+    std::vector<std::u16string> m_head;
     std::vector<Attachment> m_attachments;
     std::u16string m_tail;
 };
