@@ -45,6 +45,8 @@ def check_standard(test, raw, subject="", name="", to=(), cc=(), plain=None, htm
     sender, got = m["From"].addresses[0], [m.get_body((t,)) for t in ("plain", "html")]
     test.assertEqual([str(m["Subject"]), sender.display_name, sender.addr_spec, "Bcc" in m, [b and b.get_content() for b in got]],
                      [subject, name, "ann@example.org", False, [plain, html]])
+    test.assertEqual([b["Content-Transfer-Encoding"] for b in got if b], [  # the shorter: Base64 for mostly CJK or emoji
+        "base64" if len(b.encode()) > 1.3 * len(b) else "quoted-printable" for _, b in bodies])
     test.assertEqual([a for _, a in email.utils.getaddresses(m.get_all("To", []) + m.get_all("Cc", []))], [*to, *cc])
     test.assertLess(abs(m["Date"].datetime.timestamp() - time.time()), 86400)
     test.assertRegex(m["Message-ID"], r"^<[0-9a-f]{32}@example\.org>$")
@@ -130,6 +132,7 @@ class CInterface(unittest.TestCase):
                 ("files", "", ["b@example.org"], [], None, None, mixed[:1], [])]:
             message, path = self.new("MailMessage", ("mail_message_set_standard_format", 1)), os.path.join(tmp, "m.eml")
             for call, value in [("set_from_address", "ann@example.org"), ("set_subject_line", subject), ("set_sender_name", name),
+                                ("set_mime_type", "text/plain; Charset=windows-1252; format=fixed"),  # the charset is replaced
                                 ("set_body", plain), ("set_body_html", html), ("add_bcc_recipient", "hidden@example.org"),
                                 *(("add_recipient", a) for a in to), *(("add_cc_recipient", a) for a in cc)]:
                 self.c.call("mail_message_" + call, message, value)
