@@ -121,7 +121,7 @@ class CInterface(unittest.TestCase):
     def test_standard_format_keeps_every_value_through_python_and_reformime(self):
         tmp, xlsx = tempfile.mkdtemp(), "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet"
         self.addCleanup(shutil.rmtree, tmp)
-        mixed = [("Résumé 文件 😀.pdf", "application/pdf", bytes(range(256)) * 3), ("Quarterly report " * 5 + ".xlsx", xlsx, b"x"),
+        mixed = [("Résumé 文件 😀.pdf", "application/pdf", bytes(range(256)) * 3), ("x" * 47 + "é" + "y" * 40 + "é.xlsx", xlsx, b"x"),
                  ("empty.png", "image/png", b""), ("a.TXT", "text/plain", b"t")]
         for subject, name, to, cc, plain, html, files, headers in [  # 4 shapes: alternative, plain, HTML, files only
                 ("Grüße 会議 😀 " * 6, 'Zoë "Z" 山田 😀', ["a%d@example.org" % i for i in range(8)], ["c@example.org"],
@@ -129,7 +129,7 @@ class CInterface(unittest.TestCase):
                  [("X-Note", "ünï " * 30), ("Reply-To", "r@example.org")]),
                 ("Plain words " * 9, 'Ann "the" \\Lee', ["b@example.org"], [], "a" * 200 + " \t\r\n", None, [], []),
                 ("", "", ["b@example.org"], ["c@example.org", "d@example.org"], None, "<p>only</p>", [], []),
-                ("files", "", ["b@example.org"], [], None, None, mixed[:1], [])]:
+                (" files", "", ["b@example.org"], [], None, None, mixed[:1], [])]:
             message, path = self.new("MailMessage", ("mail_message_set_standard_format", 1)), os.path.join(tmp, "m.eml")
             for call, value in [("set_from_address", "ann@example.org"), ("set_subject_line", subject), ("set_sender_name", name),
                                 ("set_mime_type", "text/plain; Charset=windows-1252; format=fixed"),  # the charset is replaced
