@@ -1,7 +1,7 @@
 // Larkpost's side of the workloads in bench/run.py. One repetition per process; the result is one
 // JSON line on stdout.
 //
-//   bench_larkpost assemble mode=build|save attach=FILE body=FILE html=FILE out=FILE
+//   bench_larkpost assemble mode=build|save attach=FILE body=FILE html=FILE out=FILE [format=standard]
 //   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip]
 //   bench_larkpost session port=N count=N body=FILE [size=N: trim the body to a text of N] [pauses=skip]
 //   bench_larkpost idle port=N
@@ -75,6 +75,7 @@ int Assemble(const bench::Args& args) {
 
     const auto start = bench::Clock::now();
     auto message = NewMessage(body);
+    message->StandardFormat(args.Has("format") && args.Text("format") == "standard");
     message->BodyHTML(html);
     message->AttachFile(args.Text("attach"));
     std::size_t encodedBytes = 0;

@@ -362,11 +362,12 @@ class Suite:
             common = dict(attach=attach, body=inputs.path("body.txt"), html=inputs.path("body.html"))
             cases = []
             for mode in ("build", "save"):
-                for impl in ("larkpost", "larkpost-thp", "poco", "python"):
+                for impl in ("larkpost", "larkpost-standard", "larkpost-thp", "poco", "python"):
                     if self.available(impl):
                         out = inputs.path("out_%s_%s.eml" % (impl, mode))
+                        extra = {"format": "standard"} if impl == "larkpost-standard" else {}
                         cases.append(Case("assemble/%dM/%s/%s" % (size // MIB, mode, impl),
-                                          self.command(impl.split("-")[0], "assemble", mode=mode, out=out, **common),
+                                          self.command(impl.split("-")[0], "assemble", mode=mode, out=out, **common, **extra),
                                           self.reps, 300, THP_ENV if impl.endswith("-thp") else None))
             for mode in ("base64", "memcpy"):
                 cases.append(Case("assemble/%dM/%s/limit" % (size // MIB, mode),
@@ -545,6 +546,7 @@ def package_version(name):
 class Report:
     IMPL_NAMES = {"larkpost": "Larkpost", "larkpost-nopause": "Larkpost, pauses skipped (diagnostic)",
                   "larkpost-thp": "Larkpost, malloc with huge pages (diagnostic)",
+                  "larkpost-standard": "Larkpost, standard format (ratio: standard / classic)",
                   "larkpost-nopause-thp": "Larkpost, pauses skipped, huge pages (diagnostic)",
                   "poco": "POCO", "curl": "libcurl", "python": "Python", "limit": "limit"}
 
@@ -625,7 +627,7 @@ class Report:
         for size in sizes:
             for mode in ("build", "save"):
                 larkpost = self.med("assemble/%dM/%s/larkpost" % (size, mode))
-                for impl in ("larkpost", "larkpost-thp", "poco", "python"):
+                for impl in ("larkpost", "larkpost-standard", "larkpost-thp", "poco", "python"):
                     key = "assemble/%dM/%s/%s" % (size, mode, impl)
                     if key in self.suite.results or key in self.suite.failures:
                         rows.append(self.assembly_row(size, mode, impl, key, larkpost))
@@ -664,6 +666,12 @@ class Report:
                 speedup = min(peers) / larkpost
                 self.target("assembly %d MiB (%s) >= 3x faster than the fastest peer" % (size, mode),
                             "%.2fx" % speedup, ">= 3x", speedup >= 3)
+        for mode in ("build", "save"):
+            classic = self.med("assemble/%dM/%s/larkpost" % (size, mode))
+            standard = self.med("assemble/%dM/%s/larkpost-standard" % (size, mode))
+            if classic and standard and size == 10:
+                self.target("assembly %d MiB (%s): standard format no slower than the classic one" % (size, mode),
+                            "%.2fx" % (standard / classic), "<= 1.05x", standard / classic <= 1.05)
         larkpost = self.med("assemble/%dM/build/larkpost" % size)
         base64 = self.med("assemble/%dM/base64/limit" % size)
         base64_work = self.med("assemble/%dM/base64/limit" % size, "work_seconds")

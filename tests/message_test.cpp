@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <set>
 
 #include "encoding/boundary.h"
 #include "larkpost/text.h"
@@ -72,13 +73,14 @@ TEST(MessageText, EveryRowCharacterForCharacter) {
     full.Body(u16string(80, u'a'));  // Content-Length counts the soft line break
     full.BodyHTML(u"<p>a.b</p>");
     full.MimeType(u"");  // types the plain body, even empty
+    full.AddHeader(u"X-Tag", u"caf\u00E9");  // after the recipients, as given
     for (auto [name, bytes] : {std::pair{"e1.txt", ""}, {"a.txt", "hello"}, {"e2", ""}}) {
         test::WriteFileBytes(dir.File(name), bytes);  // empty files get no part
         full.AttachFile(dir.File(name));
     }
     EXPECT_EQ(ToUtf8(Build(full)),
               ToUtf8(Text(u"Subject: caf\u00E9 \u4E2D\r\nFrom: \"A \"B\" C\" <ann>\r\n"
-                          u"To:  b ;cid\r\nCc: c\r\nBcc: d;e\r\n",
+                          u"To:  b ;cid\r\nCc: c\r\nBcc: d;e\r\nX-Tag: caf\u00E9\r\n",
                           Part(u"", u"83", u16string(75, u'a') + u"=\r\naaaaa") +
                               Part(u"text/html; charset=iso-8859-1", u"12", u"<p>a=2Eb</p>"),
                           u"\r\n\r\n--" + kB1 + u"\r\nContent-Type: text/plain;name=\"a.txt\"\r\n"
@@ -128,6 +130,62 @@ TEST(MessageText, SavedFileIsTheTextAndPythonReadsEveryPartBack) {
         EXPECT_EQ(parsed.parts[i].payload, std::get<1>(files[i - 1]));
         EXPECT_EQ(parsed.parts[i].filename, std::get<0>(files[i - 1]));
     }
+}
+
+// The standard format refuses the header values it cannot write when the text is built, before
+// a file is made; AddHeader refuses at once and changes nothing. Each build has its own id.
+TEST(StandardFormat, RefusesWhatItCannotWriteAndGivesEachBuildAMessageIdOfItsOwn) {
+    test::TempDir dir;
+    const std::string breaks = " holds a line break (CR or LF), which a header cannot carry.";
+    const std::string ascii = "' holds a character that is not printable ASCII: a standard message "
+                              "writes addresses and types in ASCII only.";
+    const std::pair<std::function<void(MailMessage&)>, std::string> refused[] = {
+        {[](MailMessage& m) { m.SubjectLine(u"a\r\nBcc: x"); }, "4020 The subject" + breaks},
+        {[](MailMessage& m) { m.SenderName(u"\n"); }, "4020 The sender name" + breaks},
+        {[](MailMessage& m) { m.AddBCCRecipient(u"d\r@x"); }, "4020 The Bcc address 'd\r@x'" + breaks},
+        {[](MailMessage& m) { m.AddCCRecipient(u"ren\u00E9@x"); }, "4021 The Cc address 'ren\u00E9@x" + ascii},
+        {[](MailMessage& m) { m.MimeType(u"text/plain\t"); }, "4021 The MIME type 'text/plain\t" + ascii},
+        {[](MailMessage& m) { m.FromAddress(u16string(991, u'a')); },
+         "4022 The From address is longer than a header line can hold (990 characters)."}};
+    for (const auto& [set, fault] : refused) {
+        MailMessage message;
+        message.StandardFormat(true);
+        message.AddRecipient(u"b@x");
+        set(message);
+        EXPECT_EQ(What([&] { message.SaveToFile(dir.File("m.eml")); }),
+                  Fault(ERROR_BASE + std::stoi(fault), "Error in MailMessage.SaveToFile: " + fault.substr(5)));
+        EXPECT_FALSE(fs::exists(dir.File("m.eml")));
+    }
+    MailMessage message;
+    const std::string name = " is not a header field name: 1 to 76 printable ASCII characters "
+                             "other than ':' and space.";
+    const std::tuple<u16string, u16string, int32_t, std::string> headers[] = {
+        {u"", u"", ERROR_HEADER_NAME, "''" + name}, {u"X Y", u"", ERROR_HEADER_NAME, "'X Y'" + name},
+        {u16string(77, u'X'), u"", ERROR_HEADER_NAME, "'" + std::string(77, 'X') + "'" + name},
+        {u"content-id", u"", ERROR_HEADER_NAME,
+         "The message writes the header 'content-id' itself: it cannot be added."},
+        {u"Message-Id", u"", ERROR_HEADER_NAME,
+         "The message writes the header 'Message-Id' itself: it cannot be added."},
+        {u"X-A", u"a\nb", ERROR_HEADER_LINE_BREAK, "The value of the header 'X-A'" + breaks}};
+    for (const auto& [header, value, number, text] : headers)
+        EXPECT_EQ(What([&] { message.AddHeader(header, value); }), Fault(number, text));
+    EXPECT_FALSE(Access::Changed(message));
+    // The domain of the From address names the id, unless it is no plain host name.
+    message.StandardFormat(true);
+    std::set<u16string> ids;
+    for (auto from : {u"ann@example.org", u"ann@[127.0.0.1]"}) {
+        message.FromAddress(from);
+        for (int i = 0; i < 5000; ++i) {
+            message.Body(u"x");
+            const u16string& text = Build(message);
+            const auto at = text.find(u"\r\nMessage-ID: <") + 15;
+            ids.insert(text.substr(at, text.find(u'>', at) - at));
+        }
+    }
+    EXPECT_EQ(ids.size(), 10000u);
+    EXPECT_EQ(std::count_if(ids.begin(), ids.end(), [](const u16string& id) {
+                  return id.size() == 42 && id.ends_with(u"@localhost");
+              }), 5000);
 }
 
 // Failed calls change nothing, not even the cached text; a setter call or a removal drops it.

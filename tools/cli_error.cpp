@@ -5,6 +5,8 @@
 namespace larkpost::cli {
 
 int StatusFor(Step step, int32_t number) {
+    // Header values that the standard format cannot write: refused before anything goes out.
+    if (number >= ERROR_HEADER_LINE_BREAK && number <= ERROR_BASE + 4029) return kExitMessage;
     switch (step) {
         case Step::FillMessage: return number == ERROR_FILE_NOT_FOUND ? kExitFile : kExitMessage;
         case Step::Save: return kExitFile;  // the target file, or an attachment read for it

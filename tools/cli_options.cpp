@@ -34,6 +34,7 @@ const std::vector<OptionRule>& Rules() {
         {"--help", false, [](Options& o, const std::string&) { o.help = true; }},
         {"--version", false, [](Options& o, const std::string&) { o.version = true; }},
         {"--quiet", false, [](Options& o, const std::string&) { o.quiet = true; }},
+        {"--compat", false, [](Options& o, const std::string&) { o.compat = true; }},
         {"--server", true, [](Options& o, const std::string& v) { o.server = v; }},
         {"--port", true,
          [](Options& o, const std::string& v) { o.port = ParseNumber("--port", v, 1, 65535); }},
@@ -57,6 +58,12 @@ const std::vector<OptionRule>& Rules() {
         {"--body", true, [](Options& o, const std::string& v) { o.bodyFile = v; }},
         {"--html", true, [](Options& o, const std::string& v) { o.htmlFile = v; }},
         {"--attach", true, [](Options& o, const std::string& v) { o.attachments.push_back(v); }},
+        {"--header", true,
+         [](Options& o, const std::string& v) {
+             if (v.find(':') == std::string::npos)
+                 throw UsageError("--header needs \"Name: value\", not '" + v + "'");
+             o.headers.push_back(v);
+         }},
         {"--save", true, [](Options& o, const std::string& v) { o.saveFile = v; }},
     };
     return rules;
@@ -171,14 +178,18 @@ Message:
   --sender-name NAME    the sender's display name
   --to ADDRESS          a recipient; repeat for more (at least one is needed to send)
   --cc ADDRESS          a copy recipient; repeatable
-  --bcc ADDRESS         a blind copy recipient; repeatable. Note: the message text carries a
-                        Bcc: header line, which every recipient receives.
+  --bcc ADDRESS         a blind copy recipient; repeatable. No recipient sees it (with
+                        --compat the text carries a Bcc: line, which every recipient receives).
   --subject TEXT        the subject line
   --body FILE           the plain text body, UTF-8; "-" reads standard input
   --html FILE           the HTML body, UTF-8; "-" reads standard input
   --attach FILE         attach a file; repeatable
-  Text goes out in Windows-1252: a character outside it becomes "?". Line ends of the
-  bodies are sent as CR LF.
+  --header "NAME: VALUE"  an extra header field, such as "Reply-To: a@example.org"; repeatable
+  --compat              the library's classic format instead of the standard one: no Date or
+                        Message-ID, addresses joined by ";", text in Windows-1252 (a character
+                        outside it becomes "?"), a Bcc: line
+  The message is written in the standard Internet format (RFC 5322, MIME): UTF-8 text,
+  encoded so that the whole message is 7-bit ASCII. Line ends of the bodies are sent as CR LF.
 
 Output:
   --save FILE           write the message text to FILE instead of sending it
@@ -208,7 +219,8 @@ Exit status:
   3    file: a body, HTML or attached file cannot be read, or the --save file cannot be written
   4    connection or server: no connection, no answer in time, a refused greeting, login or
        command
-  5    message: a blank or repeated recipient, a message too large for the server, a body
+  5    message: a blank or repeated recipient, a line break in a header value, an address that
+       is not ASCII, a --header that cannot be added, a message too large for the server, a body
        longer than a message can carry (2147483647 characters)
   6    interrupted with Ctrl-C after the message text went to the server: it may have been
        delivered, so check before sending it again

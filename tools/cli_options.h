@@ -14,6 +14,7 @@ struct Options {
     bool help = false;
     bool version = false;
     bool quiet = false;
+    bool compat = false;
     std::string server;
     int32_t port = 0;      // after parsing: as given, else 465 with --tls, 587 with --starttls, 25
     int32_t security = 0;  // SECURITY_NONE, SECURITY_STARTTLS or SECURITY_TLS
@@ -31,6 +32,7 @@ struct Options {
     std::optional<std::string> bodyFile;
     std::optional<std::string> htmlFile;
     std::vector<std::string> attachments;
+    std::vector<std::string> headers;  // "Name: value"
     std::optional<std::string> saveFile;
 };
 

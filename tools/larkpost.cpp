@@ -110,8 +110,16 @@ std::shared_ptr<MailMessage> FillMessage(const Options& options) {
         message->FromAddress(std::string_view(options.from));
         message->SenderName(std::string_view(options.senderName));
         message->SubjectLine(std::string_view(options.subject));
-        // Bodies go out as quoted-printable codes of Windows-1252; say so to the reader.
-        message->MimeType(std::string_view("text/plain; charset=windows-1252"));
+        message->StandardFormat(!options.compat);
+        // Classic bodies go out as quoted-printable codes of Windows-1252; say so to the reader.
+        if (options.compat) message->MimeType(std::string_view("text/plain; charset=windows-1252"));
+        for (const auto& header : options.headers) {
+            const auto colon = header.find(':');
+            const auto value = header.find_first_not_of(" \t", colon + 1);
+            message->AddHeader(std::string_view(header).substr(0, colon),
+                               value == std::string::npos ? std::string_view()
+                                                          : std::string_view(header).substr(value));
+        }
         if (!body.empty()) message->Body(std::move(body));
         if (!html.empty()) message->BodyHTML(std::move(html));
         for (const auto& to : options.to) message->AddRecipient(std::string_view(to));

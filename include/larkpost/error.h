@@ -69,6 +69,18 @@ inline constexpr int32_t ERROR_TOKEN_REFUSED = ERROR_BASE + 4007;
 inline constexpr int32_t ERROR_TLS_FAILED = ERROR_BASE + 4008;
 // TcpStream::StartTls: the CA file could not be read or holds no certificate.
 inline constexpr int32_t ERROR_CA_FILE_UNREADABLE = ERROR_BASE + 4009;
+// MailMessage in the standard format (ERROR_BASE + 4020 to 4029), raised when the text is built,
+// before anything is sent or written: a subject, name, address, MIME type or added header holds
+// CR or LF; also MailMessage.AddHeader for a value with CR or LF.
+inline constexpr int32_t ERROR_HEADER_LINE_BREAK = ERROR_BASE + 4020;
+// An address (From, To, Cc) or the MIME type holds a character that is not printable ASCII.
+inline constexpr int32_t ERROR_HEADER_NOT_ASCII = ERROR_BASE + 4021;
+// An address longer than a header line can hold (990 characters).
+inline constexpr int32_t ERROR_HEADER_TOO_LONG = ERROR_BASE + 4022;
+// MailMessage.AddHeader: not a field name (1 to 76 printable ASCII characters other than ":"),
+// or a field that the message writes itself (Date, From, To, Cc, Bcc, Subject, Message-ID,
+// MIME-Version, Content-*).
+inline constexpr int32_t ERROR_HEADER_NAME = ERROR_BASE + 4023;
 
 // General runtime failures keep their classic numbers.
 inline constexpr int32_t ERROR_INVALID_ARGUMENT = 5;

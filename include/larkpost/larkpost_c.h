@@ -195,6 +195,14 @@ LARKPOST_API int32_t larkpost_mail_message_remove_bcc_recipient(larkpost_object*
                                                                 const char* recipient);
 LARKPOST_API int32_t larkpost_mail_message_save_to_file(larkpost_object* message,
                                                         const char* file_spec);
+/* Extensions: the standard format (0 or 1; 0 on a new message) and the host's own headers. */
+LARKPOST_API int32_t larkpost_mail_message_set_standard_format(larkpost_object* message,
+                                                               int32_t value);
+LARKPOST_API int32_t larkpost_mail_message_get_standard_format(larkpost_object* message,
+                                                               int32_t* out);
+LARKPOST_API int32_t larkpost_mail_message_add_header(larkpost_object* message, const char* name,
+                                                      const char* value);
+LARKPOST_API int32_t larkpost_mail_message_clear_headers(larkpost_object* message);
 
 /* ---- StringBuilder ---- */
 

@@ -60,6 +60,17 @@ public:
     void AddBCCRecipient(std::string_view Recipient);
     void RemoveBCCRecipient(const std::u16string& Recipient);
     void RemoveBCCRecipient(std::string_view Recipient);
+    // Extension: the text in the standard Internet format (RFC 5322 and MIME: Date, Message-ID,
+    // UTF-8 throughout, no Bcc line, all in 7-bit ASCII) rather than the classic one; false on a
+    // new message. Header values must then hold no CR or LF, addresses only printable ASCII.
+    void StandardFormat(bool value);
+    bool StandardFormat() const;
+    // Extension: a header field of the host's own, written after the others in both formats
+    // (encoded in the standard one). The name is a field name that the message does not write
+    // itself; name and value hold no CR or LF.
+    void AddHeader(const std::u16string& Name, const std::u16string& Value);
+    void AddHeader(std::string_view Name, std::string_view Value);
+    void ClearHeaders();
     // Writes the message text to a file, replacing what the file held.
     void SaveToFile(const std::u16string& FileSpec);
     void SaveToFile(std::string_view FileSpec);

@@ -77,4 +77,32 @@ LARKPOST_TEXT_METHOD(add_bcc_recipient, AddBCCRecipient, recipient)
 LARKPOST_TEXT_METHOD(remove_bcc_recipient, RemoveBCCRecipient, recipient)
 LARKPOST_TEXT_METHOD(save_to_file, SaveToFile, file_spec)
 
+LARKPOST_API int32_t larkpost_mail_message_set_standard_format(larkpost_object* message,
+                                                               int32_t value) {
+    return CallOn<MailMessage>(__func__, message, kClass,
+                               [&](MailMessage& self) { self.StandardFormat(value != 0); });
+}
+
+LARKPOST_API int32_t larkpost_mail_message_get_standard_format(larkpost_object* message,
+                                                               int32_t* out) {
+    const std::string_view function = __func__;
+    return CallOn<MailMessage>(function, message, kClass, [&](MailMessage& self) {
+        RequireOut(function, out);
+        *out = self.StandardFormat() ? 1 : 0;
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_message_add_header(larkpost_object* message, const char* name,
+                                                      const char* value) {
+    const std::string_view function = __func__;
+    return CallOn<MailMessage>(function, message, kClass, [&](MailMessage& self) {
+        self.AddHeader(InText(function, "name", name), InText(function, "value", value));
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_message_clear_headers(larkpost_object* message) {
+    return CallOn<MailMessage>(__func__, message, kClass,
+                               [](MailMessage& self) { self.ClearHeaders(); });
+}
+
 }  // extern "C"

@@ -10,6 +10,7 @@
 #include "message/keyed_collection.h"
 #include "message/mail_message_impl.h"
 #include "message/message_assembly.h"
+#include "message/standard_assembly.h"
 #include "message/string_builder_impl.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
@@ -51,6 +52,25 @@ LARKPOST_TEXT_PROPERTY(BodyHTML, bodyHTML)
 LARKPOST_TEXT_PROPERTY(MimeType, mimeType)
 
 #undef LARKPOST_TEXT_PROPERTY
+
+void MailMessage::StandardFormat(bool value) {
+    m_impl->standardFormat = value;
+    m_impl->changed = true;
+}
+bool MailMessage::StandardFormat() const { return m_impl->standardFormat; }
+
+void MailMessage::AddHeader(const std::u16string& Name, const std::u16string& Value) {
+    detail::CheckAddedHeader(Name, Value);
+    m_impl->addedHeaders.emplace_back(Name, Value);
+    m_impl->changed = true;
+}
+void MailMessage::AddHeader(std::string_view Name, std::string_view Value) {
+    AddHeader(FromUtf8(Name), FromUtf8(Value));
+}
+void MailMessage::ClearHeaders() {
+    m_impl->addedHeaders.clear();
+    m_impl->changed = true;
+}
 
 void MailMessage::AttachFile(const std::u16string& FilePath) {
     if (!detail::PlainFileExists(FilePath)) {
@@ -117,30 +137,44 @@ void MailMessage::RemoveBCCRecipient(std::string_view Recipient) {
     RemoveBCCRecipient(FromUtf8(Recipient));
 }
 
+namespace {
+
+// One assembly of either format into a text reserved once.
+template <class Assembly>
+std::u16string Assemble(const detail::MessageFields& fields) {
+    Assembly assembly(fields);
+    StringBuilder builder;
+    std::u16string& text = detail::ImplAccess::Of(builder).contents;
+    try {
+        text.reserve(assembly.Length());
+        detail::AdviseHugePages(text.data(), text.capacity() * sizeof(char16_t));
+    } catch (const std::bad_alloc&) {
+        // What cannot be held is the attached files' text, when there is any.
+        if (assembly.HasAttachmentParts())
+            detail::RaiseAttachmentError(nullptr,
+                                         detail::FileErrorDescription(detail::ERROR_OUT_OF_MEMORY));
+        throw;
+    } catch (const std::length_error&) {
+        if (assembly.HasAttachmentParts())
+            detail::RaiseAttachmentError(nullptr,
+                                         detail::FileErrorDescription(detail::ERROR_OUT_OF_MEMORY));
+        throw std::bad_alloc();
+    }
+    assembly.WriteTo(text);
+    return std::move(text);
+}
+
+}  // namespace
+
 std::shared_ptr<const std::u16string> detail::MailMessageImpl::BuildMessageText() {
     if (!changed) return cachedMessage;
     try {
-        MessageAssembly assembly({subjectLine, fromAddress, senderName, body, bodyHTML, mimeType,
-                                  *recipients, *ccRecipients, *bccRecipients, *attachments});
-        StringBuilder builder;
-        std::u16string& text = ImplAccess::Of(builder).contents;
-        try {
-            text.reserve(assembly.Length());
-            AdviseHugePages(text.data(), text.capacity() * sizeof(char16_t));
-        } catch (const std::bad_alloc&) {
-            // What cannot be held is the attached files' text, when there is any.
-            if (assembly.HasAttachmentParts())
-                detail::RaiseAttachmentError(
-                    nullptr, detail::FileErrorDescription(detail::ERROR_OUT_OF_MEMORY));
-            throw;
-        } catch (const std::length_error&) {
-            if (assembly.HasAttachmentParts())
-                detail::RaiseAttachmentError(
-                    nullptr, detail::FileErrorDescription(detail::ERROR_OUT_OF_MEMORY));
-            throw std::bad_alloc();
-        }
-        assembly.WriteTo(text);
-        cachedMessage = std::make_shared<const std::u16string>(std::move(text));
+        const MessageFields fields{subjectLine,    fromAddress,  senderName,  body,
+                                   bodyHTML,       mimeType,     *recipients, *ccRecipients,
+                                   *bccRecipients, *attachments, addedHeaders};
+        cachedMessage = std::make_shared<const std::u16string>(
+            standardFormat ? Assemble<StandardAssembly>(fields)
+                           : Assemble<MessageAssembly>(fields));
     } catch (const std::bad_alloc&) {
         RaiseFileError(ERROR_OUT_OF_MEMORY, kSourceMailMessage);
     }

@@ -1,10 +1,12 @@
-// MailMessageImpl: what a MailMessage holds (its six texts, four lists, the change flag and the
-// text of its last assembly) and what the client reads of it.
+// MailMessageImpl: what a MailMessage holds (its six texts, four lists, its added headers and
+// format, the change flag and the text of its last assembly) and what the client reads of it.
 #ifndef LARKPOST_MESSAGE_MAIL_MESSAGE_IMPL_H
 #define LARKPOST_MESSAGE_MAIL_MESSAGE_IMPL_H
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "message/keyed_collection.h"
 
@@ -21,6 +23,8 @@ struct MailMessageImpl {
     std::shared_ptr<KeyedCollection> ccRecipients = std::make_shared<KeyedCollection>();
     std::shared_ptr<KeyedCollection> bccRecipients = std::make_shared<KeyedCollection>();
     std::shared_ptr<KeyedCollection> attachments = std::make_shared<KeyedCollection>();
+    std::vector<std::pair<std::u16string, std::u16string>> addedHeaders;
+    bool standardFormat = false;
     std::shared_ptr<const std::u16string> cachedMessage = std::make_shared<const std::u16string>();
     bool changed = false;
 

@@ -32,6 +32,8 @@ void WriteText(detail::PlatformFile& file, std::u16string_view text) {
 
 void MailMessage::SaveToFile(const std::u16string& FileSpec) {
     try {
+        // A standard text is built first: a header value that it refuses leaves no file behind.
+        if (m_impl->standardFormat) m_impl->BuildMessage();
         auto nativePath = detail::NativePath(FileSpec);
         if (!nativePath)
             detail::RaiseFileError(detail::ERROR_BAD_FILE_NAME, detail::kSourceMailMessage);

@@ -89,11 +89,6 @@ void WriteAttachmentHead(Sink& sink, std::u16string_view boundary, std::u16strin
     sink(u"\r\n\r\n");
 }
 
-std::u16string LastPathElement(const std::u16string& path) {
-    auto slash = path.rfind(u'/');
-    return slash == std::u16string::npos ? path : path.substr(slash + 1);
-}
-
 // Runs one step of the attachment loop; whatever fails in it becomes the attachment error.
 template <class Step>
 void AttachmentStep(const std::u16string* path, Step&& step) {
@@ -116,6 +111,11 @@ PlatformFile OpenForReading(const std::u16string& path) {
 
 }  // namespace
 
+std::u16string LastPathElement(const std::u16string& path) {
+    auto slash = path.rfind(u'/');
+    return slash == std::u16string::npos ? path : path.substr(slash + 1);
+}
+
 std::u16string GetContentType(std::u16string_view fileName) {
     std::u16string extension = GetFileExtension(fileName).value_or(u"");
     for (auto& c : extension)
@@ -124,6 +124,61 @@ std::u16string GetContentType(std::u16string_view fileName) {
     if (extension == u"HTM" || extension == u"HTML") return u"text/html";
     if (extension == u"JPG" || extension == u"JPEG") return u"image/jpeg";
     return u"application/octet-stream";
+}
+
+std::u16string GetStandardContentType(std::u16string_view fileName) {
+    struct Row {
+        std::u16string_view extension, type;
+    };
+    static constexpr Row kTypes[] = {
+        {u"pdf", u"application/pdf"},
+        {u"png", u"image/png"},
+        {u"gif", u"image/gif"},
+        {u"svg", u"image/svg+xml"},
+        {u"webp", u"image/webp"},
+        {u"bmp", u"image/bmp"},
+        {u"tif", u"image/tiff"},
+        {u"tiff", u"image/tiff"},
+        {u"heic", u"image/heic"},
+        {u"zip", u"application/zip"},
+        {u"gz", u"application/gzip"},
+        {u"tgz", u"application/gzip"},
+        {u"bz2", u"application/x-bzip2"},
+        {u"xz", u"application/x-xz"},
+        {u"7z", u"application/x-7z-compressed"},
+        {u"tar", u"application/x-tar"},
+        {u"csv", u"text/csv"},
+        {u"json", u"application/json"},
+        {u"xml", u"application/xml"},
+        {u"ics", u"text/calendar"},
+        {u"vcf", u"text/vcard"},
+        {u"md", u"text/markdown"},
+        {u"css", u"text/css"},
+        {u"js", u"text/javascript"},
+        {u"rtf", u"application/rtf"},
+        {u"doc", u"application/msword"},
+        {u"docx", u"application/vnd.openxmlformats-officedocument.wordprocessingml.document"},
+        {u"xls", u"application/vnd.ms-excel"},
+        {u"xlsx", u"application/vnd.openxmlformats-officedocument.spreadsheetml.sheet"},
+        {u"ppt", u"application/vnd.ms-powerpoint"},
+        {u"pptx", u"application/vnd.openxmlformats-officedocument.presentationml.presentation"},
+        {u"odt", u"application/vnd.oasis.opendocument.text"},
+        {u"ods", u"application/vnd.oasis.opendocument.spreadsheet"},
+        {u"odp", u"application/vnd.oasis.opendocument.presentation"},
+        {u"mp3", u"audio/mpeg"},
+        {u"wav", u"audio/wav"},
+        {u"ogg", u"audio/ogg"},
+        {u"m4a", u"audio/mp4"},
+        {u"mp4", u"video/mp4"},
+        {u"mov", u"video/quicktime"},
+        {u"webm", u"video/webm"},
+        {u"avi", u"video/x-msvideo"}};
+    std::u16string extension = GetFileExtension(fileName).value_or(u"");
+    for (auto& c : extension)
+        if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c - u'A' + u'a');
+    for (const auto& row : kTypes)
+        if (row.extension == extension) return std::u16string(row.type);
+    return GetContentType(fileName);
 }
 
 void RaiseAttachmentError(const std::u16string* path, std::u16string_view cause) {
@@ -147,12 +202,9 @@ MessageAssembly::MessageAssembly(const MessageFields& fields) : m_fields(fields)
     if (!fields.body.empty()) QuotedPrintableEncodeTo(fields.body, m_encodedBody);
     if (!fields.bodyHTML.empty()) QuotedPrintableEncodeTo(fields.bodyHTML, m_encodedBodyHTML);
     for (const auto& path : fields.attachments) {
-        AttachmentStep(&path, [&] {
-            const PlatformFile file = OpenForReading(path);
-            // An empty file gets no part at all.
-            if (file.Size() > 0)
-                m_attachments.push_back({&path, LastPathElement(path), file.Size()});
-        });
+        // An empty file gets no part at all.
+        if (const std::uint64_t size = AttachedFileSize(path); size > 0)
+            m_attachments.push_back({&path, LastPathElement(path), size});
     }
 }
 
@@ -182,6 +234,12 @@ void MessageAssembly::WriteHead(Sink& sink) const {
     if (m_fields.bccRecipients.Count() > 0) {
         sink(u"Bcc: ");
         WriteJoined(sink, m_fields.bccRecipients);
+        sink(kCRLF);
+    }
+    for (const auto& [name, value] : m_fields.addedHeaders) {
+        sink(name);
+        sink(u": ");
+        sink(value);
         sink(kCRLF);
     }
     sink(u"Content-Type: multipart/mixed;boundary=");
@@ -226,32 +284,44 @@ std::size_t MessageAssembly::Length() const {
 void MessageAssembly::WriteTo(std::u16string& out) const {
     AppendingSink sink{out};
     WriteHead(sink);
-    // Files are read and encoded a piece at a time, so no file is ever held whole. A piece is
-    // whole Base64 lines, and the texts of two pieces join with the line end between them.
-    constexpr std::size_t kPieceBytes = 57 * 2048;
-    std::string piece;
     for (const auto& attachment : m_attachments) {
-        AttachmentStep(attachment.path, [&] {
-            PlatformFile file = OpenForReading(*attachment.path);
-            const std::uint64_t size = file.Size();
-            if (size == 0) return;
+        AppendAttachedFile(*attachment.path, out, true, [&](std::uint64_t size) {
             WriteAttachmentHead(sink, m_mixedBoundary, attachment.name, Base64EncodedLength(size));
-            if (piece.empty()) piece.resize(kPieceBytes);
-            for (std::uint64_t left = size; left != 0;) {
-                const auto want =
-                    static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
-                // A file that shrank since it was measured cannot fill its part: the text would
-                // no longer be the file.
-                if (file.Read(piece.data(), want) != want)
-                    Raise(ERROR_PATH_FILE_ACCESS, u"The file changed while it was read.",
-                          kSourceMailMessage);
-                if (left != size) sink(u"\r\n");
-                Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
-                left -= want;
-            }
         });
     }
     WriteTail(sink);
+}
+
+std::uint64_t AttachedFileSize(const std::u16string& path) {
+    std::uint64_t size = 0;
+    AttachmentStep(&path, [&] { size = OpenForReading(path).Size(); });
+    return size;
+}
+
+void AppendAttachedFile(const std::u16string& path, std::u16string& out, bool skipEmpty,
+                        const std::function<void(std::uint64_t)>& writeHead) {
+    // Files are read and encoded a piece at a time, so no file is ever held whole. A piece is
+    // whole Base64 lines, and the texts of two pieces join with the line end between them.
+    constexpr std::size_t kPieceBytes = 57 * 2048;
+    AttachmentStep(&path, [&] {
+        PlatformFile file = OpenForReading(path);
+        const std::uint64_t size = file.Size();
+        if (size == 0 && skipEmpty) return;
+        writeHead(size);
+        std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(size, kPieceBytes)),
+                          '\0');
+        for (std::uint64_t left = size; left != 0;) {
+            const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
+            // A file that shrank since it was measured cannot fill its part: the text would no
+            // longer be the file.
+            if (file.Read(piece.data(), want) != want)
+                Raise(ERROR_PATH_FILE_ACCESS, u"The file changed while it was read.",
+                      kSourceMailMessage);
+            if (left != size) out.append(u"\r\n");
+            Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
+            left -= want;
+        }
+    });
 }
 
 }  // namespace larkpost::detail

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,7 @@ struct MessageFields {
     const KeyedCollection& ccRecipients;
     const KeyedCollection& bccRecipients;
     const KeyedCollection& attachments;
+    const std::vector<std::pair<std::u16string, std::u16string>>& addedHeaders;
 };
 
 // One assembly. The constructor does all that can be known before writing: it makes the two
@@ -61,8 +63,19 @@ private:
     std::vector<Attachment> m_attachments;  // only files that held bytes when measured
 };
 
+// The name of an attached file: the last element of its path.
+std::u16string LastPathElement(const std::u16string& path);
 // The content type of an attached file, chosen by the extension of its name.
 std::u16string GetContentType(std::u16string_view fileName);
+// The same for the standard format: the five types above and those of the common extensions.
+std::u16string GetStandardContentType(std::u16string_view fileName);
+
+// The size of an attached file now; the attachment error when it cannot be reached.
+std::uint64_t AttachedFileSize(const std::u16string& path);
+// Opens an attached file again and appends writeHead(its size now) and its Base64 text, read a
+// piece at a time; a file that is empty at this opening gets nothing when skipEmpty.
+void AppendAttachedFile(const std::u16string& path, std::u16string& out, bool skipEmpty,
+                        const std::function<void(std::uint64_t)>& writeHead);
 
 // Raises ERROR_ATTACHMENT_FAILED for a failure of the attachment loop; path is null when the
 // failure came before the first path was taken.

@@ -27,6 +27,16 @@ float RealSystemTimer() {
 
 float SystemTimer() { return t_systemTimer ? t_systemTimer() : RealSystemTimer(); }
 
+LocalDateTime CurrentLocalDateTime() {
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    return {local.tm_year + 1900, local.tm_mon + 1,
+            local.tm_mday,        local.tm_wday,
+            local.tm_hour,        local.tm_min,
+            local.tm_sec,         static_cast<int>(local.tm_gmtoff / 60)};
+}
+
 void Sleep(int32_t milliseconds) {
     if (t_sleep) {
         t_sleep(milliseconds);

@@ -9,6 +9,12 @@ namespace larkpost::detail {
 
 // Seconds since local midnight, with a fractional part.
 float SystemTimer();
+// The local date and time now, with the offset of local time from UTC, for a message's Date.
+struct LocalDateTime {
+    int year, month, day, weekday, hour, minute, second;  // month 1-12, weekday 0 = Sunday
+    int offsetMinutes;                                    // east of UTC is positive
+};
+LocalDateTime CurrentLocalDateTime();
 // Blocks the thread; pumps nothing.
 void Sleep(int32_t milliseconds);
 
