@@ -12,6 +12,7 @@
 #include "platform/host_kit.h"
 #include "platform/impl_access.h"
 #include "platform/memory.h"
+#include "platform/socket_errors.h"
 
 namespace larkpost::detail {
 
@@ -24,6 +25,7 @@ constexpr char16_t kWrongThread[] =
     u"This object is in use by another thread; use it only from the thread that connected it.";
 constexpr char16_t kClosedBeforeConnected[] =
     u"The connection was closed before it was established.";
+constexpr char16_t kClosedByServer[] = u"The server closed the connection.";
 constexpr int32_t kTickMilliseconds = 1000;
 constexpr int32_t kTimeoutAfterConnect = 60;
 // A send buffer that held more than this gives its memory back once it has gone out, so a
@@ -76,7 +78,9 @@ struct TcpStreamImpl::SocketSink final : SocketControlEvents {
         stream.m_socket_Error(Number, Description);
     }
     void SendComplete() override { stream.m_socket_SendComplete(); }
-    void SendProgress(int32_t, int32_t) override { stream.m_socket_SendProgress(); }
+    void SendProgress(int32_t, int32_t remaining) override {
+        stream.m_socket_SendProgress(remaining);
+    }
 
     TcpStreamImpl& stream;
 };
@@ -117,7 +121,10 @@ void TcpStreamImpl::Connect(const std::u16string& HostnameOrIP, int32_t Port) {
         // Only the new control can deliver events from here on, so nothing of the old
         // connection can slip in after this.
         DiscardLeftovers();
-        cameUp = WaitForAnyState({STATE_CONNECTED, STATE_DATA_ARRIVED});
+        auto wait = [&] { return WaitForAnyState({STATE_CONNECTED, STATE_DATA_ARRIVED}); };
+        cameUp = m_limits.connectTicks > 0
+                     ? WithTicker(Waiting::Connect, m_limits.connectTicks - 1, wait)
+                     : wait();
     } catch (const std::exception& error) {
         Raise(ERROR_CONNECTION_FAILED, ConnectionFailure(HostnameOrIP, Port, DescriptionOf(error)),
               kSourceTcpStream);
@@ -216,7 +223,11 @@ void TcpStreamImpl::RaiseRecordedError() {
 }
 
 bool TcpStreamImpl::WaitForState(int32_t state) {
-    return PumpUntil([&] { return m_state == state || m_state == STATE_ERROR; });
+    const uint64_t closes = m_closeEvents;
+    return PumpUntil([&] {
+        return m_state == state || m_state == STATE_ERROR ||
+               (m_limits.failOnPeerClose && m_closeEvents != closes);
+    });
 }
 
 bool TcpStreamImpl::WaitForAnyState(std::initializer_list<int32_t> states) {
@@ -287,18 +298,30 @@ void TcpStreamImpl::m_ticker_Elapsed() {
     }
     m_ticker->Enabled(false);
     m_ticksLeft = m_owner.ResponseTimeout;
-    RecordError(ERROR_RESPONSE_TIMEOUT, m_flushing ? kTextNotTaken : kNoResponse);
+    if (m_waiting == Waiting::Connect) {
+        // The attempt is given up: the control closes and reports nothing more.
+        m_socket->Close();
+        RecordError(sckTimedout, SocketErrorDescription(sckTimedout));
+        return;
+    }
+    RecordError(ERROR_RESPONSE_TIMEOUT, m_waiting == Waiting::Flush ? kTextNotTaken : kNoResponse);
 }
 
-void TcpStreamImpl::m_socket_SendProgress() {
-    if (m_flushing) m_ticksLeft = m_owner.ResponseTimeout;
+void TcpStreamImpl::m_socket_SendProgress(int32_t bytesRemaining) {
+    if (m_waiting != Waiting::Flush) return;
+    m_ticksLeft = m_owner.ResponseTimeout;
+    const auto remaining =
+        std::min<std::size_t>(static_cast<std::size_t>(bytesRemaining), m_flushSize);
+    if (m_writeWatcher)
+        m_writeWatcher(static_cast<int64_t>(m_flushSize - remaining),
+                       static_cast<int64_t>(m_flushSize));
 }
 
 template <class Wait>
-bool TcpStreamImpl::WithTicker(bool flushing, Wait wait) {
+bool TcpStreamImpl::WithTicker(Waiting kind, int32_t ticks, Wait wait) {
     const std::shared_ptr<Ticker> ticker = m_ticker;
-    m_ticksLeft = m_owner.ResponseTimeout;
-    m_flushing = flushing;
+    m_ticksLeft = ticks;
+    m_waiting = kind;
     ticker->Interval(kTickMilliseconds);
     ticker->Enabled(true);
     bool done;
@@ -306,11 +329,11 @@ bool TcpStreamImpl::WithTicker(bool flushing, Wait wait) {
         done = wait();
     } catch (...) {
         ticker->Enabled(false);
-        m_flushing = false;
+        m_waiting = Waiting::Read;
         throw;
     }
     ticker->Enabled(false);
-    m_flushing = false;
+    m_waiting = Waiting::Read;
     return done;
 }
 
@@ -337,20 +360,36 @@ void TcpStreamImpl::Flush() {
     RequireOwnThread();
     if (m_sendBuffer.empty()) return;
     m_lastArrivalBytes = 0;
+    if (PeerClosed()) RaiseClosedByServer();
     if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     m_socket->SendData(m_sendBuffer);
+    m_flushSize = m_sendBuffer.size();
     // A server that stops reading would hold the write for ever: the ticker ends the wait once
     // the write has made no progress for the time limit and a tick, as it ends a silent read.
-    const bool sent = WithTicker(true, [&] { return WaitForSendComplete(); });
+    const bool sent =
+        WithTicker(Waiting::Flush, m_owner.ResponseTimeout, [&] { return WaitForSendComplete(); });
     if (m_errorPending) RaiseRecordedError();
     // The connection closed before the control said the text had gone: keep it for a retry.
     if (!sent) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
+    if (m_writeWatcher)
+        m_writeWatcher(static_cast<int64_t>(m_flushSize), static_cast<int64_t>(m_flushSize));
     m_sendBuffer.clear();
     if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
 }
 
 // ---- Reading ----
+
+void TcpStreamImpl::RaiseClosedByServer() {
+    // Our side closes too: nothing more can be said on this connection.
+    m_socket->Close();
+    SetState(STATE_DISCONNECTED);
+    Raise(ERROR_CONNECTION_CLOSED, kClosedByServer, kSourceTcpStream);
+}
+
+bool TcpStreamImpl::PeerClosed() const {
+    return m_limits.failOnPeerClose && m_socket && m_socket->State() == sckClosing;
+}
 
 std::u16string_view TcpStreamImpl::Unread() const {
     return std::u16string_view(m_receiveBuffer).substr(m_receiveOffset);
@@ -372,9 +411,14 @@ void TcpStreamImpl::AwaitUnread(std::size_t seen) {
         // Before the first Connect there is no control that could ever deliver anything.
         if (!m_socket || !m_ticker) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
         SetState(STATE_WAITING_FOR_DATA);
-        stuck = !WithTicker(false, [&] { return WaitForState(STATE_DATA_ARRIVED); });
+        if (!PeerClosed()) {
+            stuck = !WithTicker(Waiting::Read, m_owner.ResponseTimeout,
+                                [&] { return WaitForState(STATE_DATA_ARRIVED); });
+        }
     }
     if (m_errorPending) RaiseRecordedError();
+    // Strict: what the server said before its close has been read; nothing more can come.
+    if (Unread().size() <= seen && PeerClosed()) RaiseClosedByServer();
     if (stuck) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
 }
 
@@ -404,6 +448,12 @@ std::u16string TcpStreamImpl::ReadLine() {
             const std::size_t end = unread.find(u"\r\n", taken > 0 ? taken - 1 : 0);
             const bool complete = end != std::u16string_view::npos;
             taken = complete ? end + 2 : unread.size();
+            // A CR that came last may begin the CR LF, so an open line is at least taken - 1 long.
+            if (m_limits.lineLength > 0 && (complete ? end : taken - 1) > m_limits.lineLength)
+                Raise(ERROR_REPLY_TOO_LONG,
+                      u"A line from the server is longer than " +
+                          Decimal(static_cast<int32_t>(m_limits.lineLength)) + u" characters.",
+                      kSourceTcpStream);
             // Lets in the events that a pump after every character but the first would have.
             if (taken >= 2) HostKitGlobal().Services().PumpEvents();
             if (complete) return TakeLine(taken);

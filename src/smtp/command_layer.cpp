@@ -8,6 +8,12 @@
 namespace larkpost::detail {
 
 SmtpResponse MailClientImpl::SendCommand(std::u16string_view command) {
+    return SendCommandShown(command, command);
+}
+
+SmtpResponse MailClientImpl::SendCommandShown(std::u16string_view command,
+                                              std::u16string_view shown) {
+    Show(true, shown);
     m_stream.SendLine(command);
     return ReadResponse();
 }
@@ -22,9 +28,10 @@ SmtpResponse MailClientImpl::ReadResponse() {
     SmtpResponse reply;
     bool more = true;
     while (more) {
-        std::u16string line = m_stream.ReadLine();
+        std::u16string line = ReadReplyLine();
         more = ContinuesReply(line);
         reply.Text.append(line).append(u"\r\n");
+        CheckReplyLength(reply.Text.size());
         reply.Lines.push_back(std::move(line));
         ++reply.LineCount;
     }

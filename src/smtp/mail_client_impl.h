@@ -30,9 +30,19 @@ public:
     void CancelSend();
     void AddListener(std::shared_ptr<MailClientEvents> listener);
     void RemoveListener(const std::shared_ptr<MailClientEvents>& listener);
+    void StrictDelivery(bool rhs);
+    bool StrictDelivery() const { return m_strict; }
+    void PauseMilliseconds(int32_t rhs) { m_pauseMilliseconds = rhs; }
+    int32_t PauseMilliseconds() const { return m_pauseMilliseconds; }
+    void WatchDialogue(MailClient::DialogueWatcher watcher) {
+        m_dialogueWatcher = std::move(watcher);
+    }
+    void WatchWrite(MailClient::WriteWatcher watcher) { m_writeWatcher = std::move(watcher); }
 
     // The command and reply layer: every SMTP line of the session passes through these.
     SmtpResponse SendCommand(std::u16string_view command);
+    // As SendCommand; a dialogue watcher hears `shown` in place of the command (a login token).
+    SmtpResponse SendCommandShown(std::u16string_view command, std::u16string_view shown);
     SmtpResponse SendCommandChecked(std::u16string_view command);
     SmtpResponse ReadResponse();
     void SendRaw(std::u16string_view text);
@@ -49,6 +59,12 @@ private:
     void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
     void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
     bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
+    void SendRawStuffed(std::u16string_view slice, bool atLineStart);
+    SmtpResponse EndData(std::size_t textLength);
+    std::u16string ReadReplyLine();
+    void CheckReplyLength(std::size_t length);
+    void ApplyStreamLimits(int32_t timeout);
+    void Show(bool sent, std::u16string_view line);
     void DropConnectionQuietly() noexcept;
 
     void RaiseSendProgress(const std::shared_ptr<MailMessage>& message, int32_t bytesSent,
@@ -67,6 +83,13 @@ private:
     uint64_t m_connectionEpoch = 0;
     uint64_t m_transactionEpoch = 0;
     std::vector<std::shared_ptr<MailClientEvents>> m_listeners;
+    // Extensions (see MailClient); a transaction that began and did not complete is reset with
+    // RSET before the next under strict delivery.
+    bool m_strict = false;
+    int32_t m_pauseMilliseconds = 5;
+    bool m_transactionOpen = false;
+    MailClient::DialogueWatcher m_dialogueWatcher;
+    MailClient::WriteWatcher m_writeWatcher;
 };
 
 }  // namespace larkpost::detail
