@@ -13,6 +13,9 @@ struct Options {
     bool help = false;
     bool version = false;
     bool quiet = false;
+    bool verbose = false;
+    // The library's classic behaviour: no strict delivery, the pauses of Send.
+    bool compat = false;
     std::string server;
     int32_t port = 25;
     int32_t timeout = 30;
