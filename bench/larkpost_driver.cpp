@@ -2,8 +2,10 @@
 // JSON line on stdout.
 //
 //   bench_larkpost assemble mode=build|save attach=FILE body=FILE html=FILE out=FILE
-//   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip]
+//   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip] [pause_ms=N]
 //   bench_larkpost session port=N count=N body=FILE [size=N: trim the body to a text of N] [pauses=skip]
+//                  [pause_ms=N]
+// pause_ms sets MailClient::PauseMilliseconds (0: the client takes no pauses at all).
 //   bench_larkpost idle port=N
 //
 // The mandated pause of MailClient::Send (5 ms before every fourth slice of 512 characters) is
@@ -95,8 +97,10 @@ int Assemble(const bench::Args& args) {
 }
 
 // Connects a client to the sink on loopback; EHLO is part of Connect.
-std::unique_ptr<MailClient> OpenSession(int port) {
+std::unique_ptr<MailClient> OpenSession(const bench::Args& args) {
+    const int port = static_cast<int>(args.Number("port"));
     auto client = std::make_unique<MailClient>();
+    if (args.Has("pause_ms")) client->PauseMilliseconds(static_cast<int32_t>(args.Number("pause_ms")));
     client->Server("127.0.0.1");
     client->Port(port);
     client->Timeout = 60;
@@ -108,7 +112,7 @@ int SendOne(const bench::Args& args) {
     auto message = NewMessage(bench::ReadFileBytes(args.Text("body")));
     message->AttachFile(args.Text("attach"));
     const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();  // warms the cache
-    auto client = OpenSession(static_cast<int>(args.Number("port")));
+    auto client = OpenSession(args);
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
     const double cpuBefore = bench::CpuSeconds();
@@ -152,7 +156,7 @@ int Session(const bench::Args& args) {
     auto message = NewMessage(body);
     const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();
     const long count = args.Number("count");
-    auto client = OpenSession(static_cast<int>(args.Number("port")));
+    auto client = OpenSession(args);
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
     const double cpuBefore = bench::CpuSeconds();
