@@ -132,8 +132,11 @@ const Case kCases[] = {
     {"RefusedPlainInTheCodePage", kGreet + "< 250-p|< 250 AUTH PLAIN|> AUTH PLAIN|< 334 |"
      "> AEr2cmcAgDU/|< 535 5.7.8 no", {}, Connect(u"J\u00F6rg", u"\u20AC5\u4E00"),
      "+2001 The mail server could not authenticate you. It replied with '535 5.7.8 no\r\n'"},
-    {"StrictStopsAtARefusedLogin", kGreet + "< 250-p|< 250 AUTH LOGIN|> AUTH LOGIN|< 504 no", {},
-     Strict(Connect(u"u", u"p")), "+2001 504 no\r\n"},
+    {"StrictStopsAtARefusedLogin", kGreet + "< 250-p|< 250 AUTH LOGIN|> AUTH LOGIN|< 504 no|!wait|"
+     "!accept|" + kGreet + "< 250-p|< 250 AUTH PLAIN|> AUTH PLAIN|< 504 no", {}, Strict([](MailClient& c, Message&) {
+         EXPECT_EQ(Outcome([&] { c.Connect(u"u", u"p"); }), "+2001 504 no\r\n");
+         c.Connect(u"u", u"p");
+     }), "+2001 The mail server could not authenticate you. It replied with '504 no\r\n'"},
     {"UserWithoutPassword", kGreet + "< 250-peer|< 250 AUTH LOGIN", {}, Connect(u"ann", u""),
      "+2003 You supplied a username, but you need a password as well."},
     // Disconnect says QUIT, awaiting no reply; a forced one (the runner's) and a Connect while

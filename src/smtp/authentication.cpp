@@ -54,8 +54,10 @@ void MailClientImpl::AuthenticatePlain(const std::u16string& Username,
     token.reserve(Username.size() + Password.size() + 2);
     token.append(1, u'\0').append(Username).append(1, u'\0').append(Password);
 
-    SendCommand(u"AUTH PLAIN");
-    const SmtpResponse reply = SendCommandShown(Base64Encode(token), kHiddenToken);
+    const SmtpResponse start = SendCommand(u"AUTH PLAIN");
+    // Strict: the token holds the password; it does not follow a refusal of the scheme.
+    const SmtpResponse& reply =
+        m_strict && start.IsError ? start : SendCommandShown(Base64Encode(token), kHiddenToken);
     if (reply.IsError) {
         Raise(ERROR_AUTH_FAILED,
               u"The mail server could not authenticate you. It replied with '" + reply.Text + u"'",
