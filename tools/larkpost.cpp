@@ -151,8 +151,9 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
     std::string password;
     if (options.user) password = ObtainPassword(*options.user, options.passwordEnv);
 
-    MailClient client;
+    // The bar outlives the client, whose watchers draw on it.
     ProgressBar bar(STDERR_FILENO, !options.quiet && ::isatty(STDERR_FILENO));
+    MailClient client;
     client.StrictDelivery(!options.compat);
     client.PauseMilliseconds(options.compat ? 5 : 0);
     client.WatchWrite(
