@@ -2,8 +2,10 @@
 // JSON line on stdout.
 //
 //   bench_larkpost assemble mode=build|save attach=FILE body=FILE html=FILE out=FILE [format=standard]
-//   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip]
+//   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip] [pause_ms=N] [ca=FILE: implicit TLS]
 //   bench_larkpost session port=N count=N body=FILE [size=N: trim the body to a text of N] [pauses=skip]
+//                  [pause_ms=N]
+// pause_ms sets MailClient::PauseMilliseconds (0: the client takes no pauses at all).
 //   bench_larkpost idle port=N
 //
 // The mandated pause of MailClient::Send (5 ms before every fourth slice of 512 characters) is
@@ -96,12 +98,14 @@ int Assemble(const bench::Args& args) {
 }
 
 // Connects a client to the sink on loopback; EHLO is part of Connect.
-// With a CA file, implicit TLS verified against it.
-std::unique_ptr<MailClient> OpenSession(int port, const std::string& caFile = {}) {
+// With ca=FILE, implicit TLS verified against it.
+std::unique_ptr<MailClient> OpenSession(const bench::Args& args) {
+    const int port = static_cast<int>(args.Number("port"));
     auto client = std::make_unique<MailClient>();
+    if (args.Has("pause_ms")) client->PauseMilliseconds(static_cast<int32_t>(args.Number("pause_ms")));
     client->Server("127.0.0.1");
     client->Port(port);
-    if (!caFile.empty()) client->Security(larkpost::SECURITY_TLS), client->CaFile(caFile);
+    if (args.Has("ca")) client->Security(larkpost::SECURITY_TLS), client->CaFile(args.Text("ca"));
     client->Timeout = 60;
     client->Connect();
     return client;
@@ -111,7 +115,7 @@ int SendOne(const bench::Args& args) {
     auto message = NewMessage(bench::ReadFileBytes(args.Text("body")));
     message->AttachFile(args.Text("attach"));
     const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();  // warms the cache
-    auto client = OpenSession(static_cast<int>(args.Number("port")), args.Has("ca") ? args.Text("ca") : "");
+    auto client = OpenSession(args);
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
     const double cpuBefore = bench::CpuSeconds();
@@ -155,7 +159,7 @@ int Session(const bench::Args& args) {
     auto message = NewMessage(body);
     const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();
     const long count = args.Number("count");
-    auto client = OpenSession(static_cast<int>(args.Number("port")));
+    auto client = OpenSession(args);
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
     const double cpuBefore = bench::CpuSeconds();

@@ -30,6 +30,9 @@ SMALL_MESSAGE = 1024  # bytes of each message in the session workloads
 # Diagnostic rows: glibc's malloc asks for transparent huge pages for its large blocks, which
 # shows what first touches of fresh 4 KiB pages cost the library on this machine.
 THP_ENV = dict(os.environ, GLIBC_TUNABLES="glibc.malloc.hugetlb=1")
+# The rows of --only delivery: Larkpost without pauses against each peer.
+DELIVERY_SESSION = ("larkpost-pause0", "poco", "poco-nodelay", "curl", "python", "limit")
+DELIVERY_SEND = ("larkpost-pause0", "curl")
 
 PROSE = [
     "Dear colleague, the quarterly figures for the northern region are attached to this message",
@@ -380,13 +383,16 @@ class Suite:
     def run_sends(self, inputs, port):
         print("== one message over an open session", flush=True)
         for size in inputs.send_sizes:
+            if self.options.only == "delivery" and size != 10 * MIB:
+                continue
             cases = []
-            for impl in ("larkpost", "larkpost-nopause", "larkpost-nopause-thp", "poco", "curl", "python", "limit"):
-                if not self.available(impl):
+            for impl in ("larkpost", "larkpost-pause0", "larkpost-nopause", "larkpost-nopause-thp", "poco", "curl",
+                         "python", "limit"):
+                if not self.available(impl) or (self.options.only == "delivery" and impl not in DELIVERY_SEND):
                     continue
                 reps = self.reps
                 if impl.startswith("larkpost"):
-                    extra = {"pauses": "skip"} if "nopause" in impl else {}
+                    extra = {"pauses": "skip"} if "nopause" in impl else {"pause_ms": 0} if impl == "larkpost-pause0" else {}
                     argv = self.command("larkpost", "send", port=port, body=inputs.path("body.txt"),
                                         attach=inputs.path(inputs.send_attach_name(size)), **extra)
                     if impl == "larkpost":
@@ -422,18 +428,22 @@ class Suite:
 
     def run_sessions(self, inputs, port):
         print("== small messages in one session", flush=True)
-        counts = [50] if self.options.quick else [500, 200]
+        counts = [50] if self.options.quick else [500] if self.options.only == "delivery" else [500, 200]
         for count in counts:
             cases = []
-            for impl in ("larkpost", "larkpost-nopause", "poco", "curl", "python", "limit"):
-                if not self.available(impl):
+            for impl in ("larkpost", "larkpost-pause0", "larkpost-nopause", "poco", "poco-nodelay", "curl", "python",
+                         "limit"):
+                if not self.available(impl) or (self.options.only == "delivery" and impl not in DELIVERY_SESSION):
                     continue
                 if impl.startswith("larkpost"):
-                    extra = {"pauses": "skip"} if impl == "larkpost-nopause" else {}
+                    extra = {"pauses": "skip"} if impl == "larkpost-nopause" else \
+                        {"pause_ms": 0} if impl == "larkpost-pause0" else {}
                     argv = self.command("larkpost", "session", port=port, count=count,
                                         body=inputs.path("small_body.txt"), size=SMALL_MESSAGE, **extra)
                 else:
-                    argv = self.command(impl, "session", port=port, count=count, message=inputs.path("small.eml"))
+                    extra = {"nodelay": 1} if impl == "poco-nodelay" else {}
+                    argv = self.command(impl.split("-")[0], "session", port=port, count=count,
+                                        message=inputs.path("small.eml"), **extra)
                 # Short runs: more repetitions steady the medians against the neighbours' load.
                 cases.append(Case("session/%d/%s" % (count, impl), argv, self.reps + 2, 300))
             self.round_robin(cases)
@@ -484,13 +494,13 @@ class Suite:
                 self.run_encoders(inputs)
             if not wanted or "assembly" in wanted:
                 self.run_assembly(inputs)
-            if not wanted or wanted & {"send", "session", "tls"}:
+            if not wanted or wanted & {"send", "session", "tls", "delivery"}:
                 sink = SmtpSink(os.path.join(self.options.out, "smtp-sink.log"))
-                if not wanted or "send" in wanted:
+                if not wanted or wanted & {"send", "delivery"}:
                     self.run_sends(inputs, sink.port)
                 if not wanted or "tls" in wanted:
                     self.run_tls(inputs, sink.port)
-                if not wanted or "session" in wanted:
+                if not wanted or wanted & {"session", "delivery"}:
                     self.run_sessions(inputs, sink.port)
             if not wanted or "idle" in wanted:
                 silent = SilentPeer()
@@ -544,7 +554,9 @@ def package_version(name):
 
 
 class Report:
-    IMPL_NAMES = {"larkpost": "Larkpost", "larkpost-nopause": "Larkpost, pauses skipped (diagnostic)",
+    IMPL_NAMES = {"larkpost": "Larkpost", "larkpost-pause0": "Larkpost, PauseMilliseconds 0",
+                  "poco-nodelay": "POCO with TCP_NODELAY",
+                  "larkpost-nopause": "Larkpost, pauses skipped (diagnostic)",
                   "larkpost-thp": "Larkpost, malloc with huge pages (diagnostic)",
                   "larkpost-standard": "Larkpost, standard format (ratio: standard / classic)",
                   "larkpost-nopause-thp": "Larkpost, pauses skipped, huge pages (diagnostic)",
@@ -592,6 +604,7 @@ class Report:
         self.out("Medians of %d repetitions unless the row says otherwise; each repetition in its own process." %
                  self.suite.reps)
         self.out()
+        self.delivery()
         self.assembly()
         self.sends()
         self.tls()
@@ -702,7 +715,8 @@ class Report:
         rows = []
         for size in sizes:
             larkpost_net = self.net_seconds("send/%dM/larkpost" % size)
-            for impl in ("larkpost", "larkpost-nopause", "larkpost-nopause-thp", "poco", "curl", "python", "limit"):
+            for impl in ("larkpost", "larkpost-pause0", "larkpost-nopause", "larkpost-nopause-thp", "poco", "curl",
+                         "python", "limit"):
                 key = "send/%dM/%s" % (size, impl)
                 runs = self.suite.results.get(key)
                 if not runs:
@@ -760,6 +774,47 @@ class Report:
             return None
         return statistics.median(r["seconds"] - r.get("pause_seconds", 0) for r in runs)
 
+    # -- delivery without pauses ---------------------------------------------------------------
+    def delivery(self):
+        """The figures that lead docs/performance.md: Larkpost with PauseMilliseconds 0 beside each peer."""
+        rows = []
+        session = self.net_seconds("session/500/larkpost-pause0")
+        for impl in DELIVERY_SESSION:
+            seconds = self.net_seconds("session/500/%s" % impl)
+            if seconds:
+                ratio = "" if impl == "larkpost-pause0" else "%.2fx" % (seconds / session) if session else ""
+                rows.append(["500 x 1 KB, one session", self.IMPL_NAMES[impl], "%.0f messages/s" % (500 / seconds),
+                             "%.4f" % seconds, ratio])
+        send = self.net_seconds("send/10M/larkpost-pause0")
+        for impl in DELIVERY_SEND:
+            seconds = self.net_seconds("send/10M/%s" % impl)
+            if seconds:
+                ratio = "" if impl == "larkpost-pause0" else "%.2fx" % (seconds / send) if send else ""
+                rows.append(["one 10 MiB message", self.IMPL_NAMES[impl],
+                             "%.0f MB/s" % (median_of(self.suite.results["send/10M/%s" % impl], "bytes") / seconds / 1e6),
+                             "%.4f" % seconds, ratio])
+        if not rows:
+            return
+        self.out("### Delivery without pauses (PauseMilliseconds 0)")
+        self.out()
+        self.out("MAIL FROM to the reply after the data, over an open session to smtp-sink; Larkpost's message is "
+                 "assembled once (from the cache afterwards), the peers send a prepared text of the same size. "
+                 "limit: a raw socket, four round trips per message, the text in one write.")
+        self.out()
+        self.table(["workload", "implementation", "rate", "seconds", "peer / Larkpost"], rows)
+        for impl in ("poco", "poco-nodelay", "curl", "python"):
+            peer = self.net_seconds("session/500/%s" % impl)
+            if session and peer:
+                self.target("500 x 1 KB, PauseMilliseconds 0, ahead of %s" % self.IMPL_NAMES[impl],
+                            "%.2fx" % (peer / session), "> 1x", peer > session)
+        limit = self.net_seconds("session/500/limit")
+        if session and limit:
+            self.target("500 x 1 KB, PauseMilliseconds 0, within 1.3x of the raw socket", "%.2fx" % (session / limit),
+                        "<= 1.3x", session <= 1.3 * limit)
+        curl = self.net_seconds("send/10M/curl")
+        if send and curl:
+            self.target("10 MiB, PauseMilliseconds 0, ahead of libcurl", "%.2fx" % (curl / send), "> 1x", curl > send)
+
     # -- sessions -----------------------------------------------------------------------------
     def sessions(self):
         counts = sorted({int(k.split("/")[1]) for k in self.suite.results if k.startswith("session/")}, reverse=True)
@@ -774,7 +829,8 @@ class Report:
         rows = []
         for count in counts:
             larkpost_net = self.net_seconds("session/%d/larkpost" % count)
-            for impl in ("larkpost", "larkpost-nopause", "poco", "curl", "python", "limit"):
+            for impl in ("larkpost", "larkpost-pause0", "larkpost-nopause", "poco", "poco-nodelay", "curl", "python",
+                         "limit"):
                 key = "session/%d/%s" % (count, impl)
                 runs = self.suite.results.get(key)
                 if not runs:
@@ -932,7 +988,8 @@ def main():
     parser.add_argument("--build", default="build-bench", help="build directory with bench/ binaries")
     parser.add_argument("--reps", type=int, default=5, help="repetitions per case (Larkpost's big sends: 3)")
     parser.add_argument("--quick", action="store_true", help="small sizes, one repetition: a smoke run")
-    parser.add_argument("--only", default="", help="comma list of: encoders,assembly,send,tls,session,idle")
+    parser.add_argument("--only", default="",
+                        help="comma list of: encoders,assembly,send,tls,session,idle; or delivery (the leading rows alone)")
     parser.add_argument("--out", default=None, help="directory for results.md and results.json")
     options = parser.parse_args()
     options.out = os.path.abspath(options.out or os.path.join(options.build, "bench-results"))

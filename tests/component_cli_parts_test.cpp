@@ -19,17 +19,24 @@ TEST(CommandParts, LineEndsSizesAndTheProgressLine) {
               "1023 B1.0 KiB1.5 KiB5.0 MiB");
     // The bar takes what the counts leave of the width, less one column so that it never wraps.
     const std::string bar = std::string(11, '#') + std::string(35, '.');
-    EXPECT_EQ(FormatProgressLine(512, 2048, 80), "Sending [" + bar + "]  25%  512 B of 2.0 KiB");
-    EXPECT_EQ(FormatProgressLine(2048, 2048, 70),
+    EXPECT_EQ(FormatProgressLine("Sending", 512, 2048, 0, 80),
+              "Sending [" + bar + "]  25%  512 B of 2.0 KiB");
+    EXPECT_EQ(FormatProgressLine("Sending", 2048, 2048, 9, 70),
               "Sending [" + std::string(21, '#') + "] 100%  2.0 KiB, waiting for the server");
+    // With a rate: the time left rounded to seconds, as minutes and seconds.
+    EXPECT_EQ(FormatProgressLine("Preparing", 1 << 20, 200 << 20, 1.5 * (1 << 20), 90),
+              "Preparing [" + std::string(28, '.') +
+                  "]   0%  1.0 MiB of 200.0 MiB  1.5 MiB/s  2:13 left");
     for (int columns : {1, 2, 10, 40, 200})
-        EXPECT_LE(FormatProgressLine(700, 100000, columns).size(), std::max(columns - 1, 1));
+        EXPECT_LE(FormatProgressLine("Sending", 700, 100000, 7e4, columns).size(),
+                  std::max(columns - 1, 1));
 }
 
 TEST(CommandParts, OptionsInlineAndPortsFrom1) {
-    const char* given[] = {"", "--from=a", "--to", "b", "--subject=--x=", "--server=h", "--port=9"};
-    const Options o = ParseOptions(7, given);
-    EXPECT_EQ(o.from + o.to[0] + o.subject + std::to_string(o.port), "ab--x=9");
+    const char* given[] = {"", "--from=a", "--to", "b", "--subject=--x=", "--server=h", "--port=9", "--", "-v", "--"};
+    const Options o = ParseOptions(10, given);  // after "--" come recipients only
+    EXPECT_EQ(o.from + o.to[0] + o.subject + std::to_string(o.port) + o.to[1] + o.to[2] + std::to_string(o.verbose),
+              "ab--x=9-v--0");
     const char* zero[] = {"", "--from", "a", "--to", "b", "--server", "h", "--port", "0"};
     try {
         ParseOptions(9, zero);

@@ -141,19 +141,11 @@ TEST(SocketControl, ConnectOutcomeIsOneEventInALaterPump) {
         EXPECT_EQ(client.control->State(), c.description.empty() ? sckConnected : sckError);
     }
     // A listener whose queue is full drops the handshake: the attempt ends after 21 s (scaled).
-    const int full = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(full, reinterpret_cast<sockaddr*>(&address), length) | ::listen(full, 0) |
-                  ::getsockname(full, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    Client first(u"127.0.0.1", ntohs(address.sin_port));
-    ASSERT_TRUE(first.Settle());
     SetTickScaleForTesting(0.01);
-    Client late(u"127.0.0.1", ntohs(address.sin_port));
+    Client late(u"127.0.0.1", test::FullLoopbackPort());
     EXPECT_TRUE(late.Settle());
     SetTickScaleForTesting(1);
     EXPECT_EQ(late.events, Words{"error:10060"});
-    ::close(full);
 }
 
 // Each SendData completes once, in order, in a later pump (an empty one too), however large.

@@ -92,6 +92,9 @@ Act Connect(std::u16string user = u"", std::u16string password = u"") {
     return [=](MailClient& client, Message&) { client.Connect(user, password); };
 }
 void Send(MailClient& client, Message& message) { client.Connect(), client.Send(message); }
+Act Strict(Act act) {
+    return [=](MailClient& client, Message& message) { client.StrictDelivery(true), act(client, message); };
+}
 auto Length(std::size_t length) { return [length](Message& m) { m = NewMessage(length); }; }
 Handler At(std::string log, Handler handler) {
     return [=](auto& c, auto& m, auto& now) { now == log ? handler(c, m, now) : void(); };
@@ -139,13 +142,18 @@ const Case kCases[] = {
     {"LoginIsPreferred", kGreet + "< 250-p|< 250-AUTH PLAIN LOGIN|< 250 8BITMIME|> AUTH LOGIN|"
      "< 334 ?|> YW5uQGV4YW1wbGUudGVzdA==|< 501 ?|> czNjcmV0|< 235 ok", {},
      Connect(u"ann@example.test", u"s3cret"), ""},
-    {"RefusedLogin", kGreet + "< 250-p|< 250 AUTH LOGIN|> AUTH LOGIN|< 334 ?|> dQ==|< 334 ?|> cA==|"
+    {"RefusedLogin", kGreet + "< 250-p|< 250 AUTH LOGIN|> AUTH LOGIN|< 504 ?|> dQ==|< 334 ?|> cA==|"
      "< 535-5.7.8 no|< 535 5.7.8 really", {}, Connect(u"u", u"p"),
      "+2001 535-5.7.8 no\r\n535 5.7.8 really\r\n"},
     // In Windows-1252 o-umlaut is F6, the euro sign 80, and a character it lacks is "?".
     {"RefusedPlainInTheCodePage", kGreet + "< 250-p|< 250 AUTH PLAIN|> AUTH PLAIN|< 334 |"
      "> AEr2cmcAgDU/|< 535 5.7.8 no", {}, Connect(u"J\u00F6rg", u"\u20AC5\u4E00"),
      "+2001 The mail server could not authenticate you. It replied with '535 5.7.8 no\r\n'"},
+    {"StrictStopsAtARefusedLogin", kGreet + "< 250-p|< 250 AUTH LOGIN|> AUTH LOGIN|< 504 no|!wait|"
+     "!accept|" + kGreet + "< 250-p|< 250 AUTH PLAIN|> AUTH PLAIN|< 504 no", {}, Strict([](MailClient& c, Message&) {
+         EXPECT_EQ(Outcome([&] { c.Connect(u"u", u"p"); }), "+2001 504 no\r\n");
+         c.Connect(u"u", u"p");
+     }), "+2001 The mail server could not authenticate you. It replied with '504 no\r\n'"},
     {"UserWithoutPassword", kGreet + "< 250-peer|< 250 AUTH LOGIN", {}, Connect(u"ann", u""),
      "+2003 You supplied a username, but you need a password as well."},
     // Disconnect says QUIT, awaiting no reply; a forced one (the runner's) and a Connect while
@@ -161,6 +169,54 @@ const Case kCases[] = {
          c.Connect();
      }, "", true, CAP_PIPELINING, 500},
     // RCPT TO for To, Cc and Bcc; an empty sender is <>; the end of data's reply is not judged.
+    // Strict delivery: a refusal after the data raises; a transaction that did not complete is
+    // reset before the next one, a completed one is not; a hang-up ends a read at once, after
+    // what came before it; the connect attempt ends at Timeout (a tick here), not at 21 s.
+    {"StrictRefusalAfterTheData", kUpToData + "> <text>|< 554 5.7.1 spam", {}, Strict(Send),
+     "+4010 554 5.7.1 spam\r\n"},
+    {"StrictResetsAnUnfinishedTransaction", kGreet + "< 250 peer|> MAIL FROM: <ann@example.test>|"
+     "< 250 ok|> RCPT TO: <bob@example.test>|< 550 no one|> RSET|< 250 ok|" + kToData + kText +
+     "|" + kToData + kText, {}, Strict([](MailClient& c, Message& m) {
+         EXPECT_EQ(Outcome([&] { Send(c, m); }), "+2003 550 no one\r\n");
+         c.Send(m), c.Send(m);
+     })},
+    {"StrictHangUp", kGreet + "< 250 peer|> MAIL FROM: <ann@example.test>|< 250-ok|!close", {},
+     Strict(Send), "+4011 [Larkpost.TcpStream] The server closed the connection.", false},
+    {"StrictConnectEndsAtTimeout", kGreet + "< 250 peer", {}, Strict([](MailClient& c, Message&) {
+         const int32_t port = c.Port();
+         const auto start = std::chrono::steady_clock::now();
+         c.Port(test::FullLoopbackPort());
+         EXPECT_EQ(Outcome([&] { c.Connect(); }), "10060 [Larkpost.TcpStream] The connection timed out.");
+         EXPECT_LT((std::chrono::steady_clock::now() - start) / kTick, 5);
+         c.Port(port), c.Connect();
+     })},
+    // Strict replies: a line up to 65536 characters, 1 MiB in all; beyond, the session ends.
+    {"StrictReplyLine", "< 220 " + std::string(65532, 'x') + "|> EHLO <host>|< 250-" +
+     std::string(65533, 'x'), {}, Strict(Connect()),
+     "+4012 [Larkpost.TcpStream] A line from the server is longer than 65536 characters.", false},
+    {"StrictReply", kGreet + [] {
+         std::string lines;
+         for (int i = 0; i < 16; ++i) lines += "< 250-" + std::string(65530, 'x') + "|";
+         return lines + "< 250 x";
+     }(), {}, Strict(Connect()), "+4012 The server's reply is longer than 1048576 characters.", false},
+    {"LongRepliesByDefault", "< 220 " + std::string(65533, 'x') + "|> EHLO <host>|< 250 p", {},
+     Connect()},
+    // Watchers hear each line, login tokens masked and the text summed up, and the text's write.
+    {"Watchers", kGreet + "< 250-p|< 250 AUTH PLAIN|> AUTH PLAIN|< 334 |> AHUAcA==|< 235 ok|" +
+     kToData + kText, {}, [](MailClient& c, Message& m) {
+         std::string dialogue, host(256, '\0');
+         std::vector<std::pair<int64_t, int64_t>> writes;
+         c.WatchDialogue([&](bool sent, auto& line) { dialogue += (sent ? "> " : "< ") + ToUtf8(line) + "|"; });
+         c.WatchWrite([&](int64_t written, int64_t total) { writes.emplace_back(written, total); });
+         c.Connect(u"u", u"p"), c.Send(m), gethostname(host.data(), host.size() - 1);
+         const std::size_t n = Text(*m).size();
+         EXPECT_EQ(dialogue, "< 220 peer.test ESMTP|> EHLO " + std::string(host.c_str()) + "|< 250-p|"
+                   "< 250 AUTH PLAIN|> AUTH PLAIN|< 334 |> (login token hidden)|< 235 ok|" +
+                   "> MAIL FROM: <ann@example.test>|< 250 ok|> RCPT TO: <bob@example.test>|< 250 ok|"
+                   "> DATA|< 354 go|> (the message text, " + std::to_string(n) + " characters)|> .|"
+                   "< 250 queued|");
+         EXPECT_EQ(writes, (std::vector<std::pair<int64_t, int64_t>>{{n + 5, n + 5}}));
+     }},
     {"OneTransaction", kGreet + "< 250 peer|> MAIL FROM: <>|< 251 ok|> RCPT TO: <bob@example.test>|"
      "< 250 ok|> RCPT TO: <c@x>|< 250 ok|> RCPT TO: <d@x>|< 250 ok|> DATA|< 300 go|> <text>|"
      "< 554 no after all", [](Message& m) {
@@ -186,6 +242,9 @@ const Case kCases[] = {
      "512 1024 1536 2048 2049", {}, 2},
     {"CancelAtTheFirstEvent", kUpToData, Length(2049), Send, "", false, -1, -1,
      "512 pending canceled", At("512", [](auto& c, auto&, auto&) { c.CancelSend(); })},
+    {"NoPauses", kUpToData + kText, Length(2049), [](MailClient& c, Message& m) {
+         c.PauseMilliseconds(0), Send(c, m);
+     }, "", true, -1, -1, "512 1024 1536 2048 2049", {}, 0},
     {"HandlerRaises", kUpToData, Length(2049), Send, "12345 [Host] no", false, -1, -1, "512",
      [](auto&, auto&, auto&) { throw RaisedError(12345, u"no", u"Host"); }},
     // A handler that replaces the connection or runs another Send on it ends the transfer:

@@ -34,6 +34,8 @@ const std::vector<OptionRule>& Rules() {
         {"--help", false, [](Options& o, const std::string&) { o.help = true; }},
         {"--version", false, [](Options& o, const std::string&) { o.version = true; }},
         {"--quiet", false, [](Options& o, const std::string&) { o.quiet = true; }},
+        {"--verbose", false, [](Options& o, const std::string&) { o.verbose = true; }},
+        {"-v", false, [](Options& o, const std::string&) { o.verbose = true; }},
         {"--compat", false, [](Options& o, const std::string&) { o.compat = true; }},
         {"--server", true, [](Options& o, const std::string& v) { o.server = v; }},
         {"--port", true,
@@ -104,6 +106,10 @@ Options ParseOptions(int argc, const char* const argv[]) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         std::string_view argument = argv[i];
+        if (argument == "--") {  // what follows is recipients, whatever it looks like
+            options.to.insert(options.to.end(), argv + i + 1, argv + argc);
+            break;
+        }
         std::string_view name = argument;
         std::optional<std::string> inlineValue;
         if (auto equals = argument.find('=');
@@ -194,15 +200,24 @@ Message:
 Output:
   --save FILE           write the message text to FILE instead of sending it
   --quiet               no progress bar and no closing note
+  -v, --verbose         print the dialogue with the server on standard error (login tokens
+                        masked)
+  --compat              the library's classic delivery: a refusal after the message text is
+                        not an error, no RSET after a failed transaction, a closed connection
+                        is found by the time-out, connecting may take up to 21 s, lines of the
+                        text that begin with "." go out unchanged, and Send pauses 5 ms before
+                        every 2048 characters. Without it the command delivers strictly and
+                        without pauses.
   --help                show this help and exit
   --version             show the version and exit
   An option's value may also be given as --option=VALUE; a value that begins with "--"
-  must be given that way.
+  must be given that way. Arguments after "--" are recipients, as --to.
 
-While sending, a progress bar is drawn on standard error when it is a terminal. It counts
-the message into the send buffer; the text then goes out in one write. Ctrl-C cancels the
-send: nothing of the message text reaches the server. Once the text is on its way, a Ctrl-C
-ends the program at once with status 6: the message may have been delivered.
+While sending, a progress bar is drawn on standard error when it is a terminal: the message
+going into the send buffer ("Preparing", seen with --compat's pauses), then its one write to
+the server ("Sending"), with the rate and the time left. Ctrl-C cancels at once at any point
+before the write (status 130): nothing of the message text reaches the server. Once the text
+is on its way, a Ctrl-C ends the program at once with status 6: it may have been delivered.
 
 Errors are printed as "larkpost: error NUMBER: DESCRIPTION". The library's own numbers are
 printed in hexadecimal (0xA38F03E8 and up), the runtime's in decimal (5 invalid argument,
@@ -217,8 +232,8 @@ Exit status:
   2    usage: an unknown option, a missing or bad value, a missing needed option, a server
        name, user name or password that is not UTF-8
   3    file: a body, HTML or attached file cannot be read, or the --save file cannot be written
-  4    connection or server: no connection, no answer in time, a refused greeting, login or
-       command
+  4    connection or server: no connection, no answer in time, a closed connection, a refused
+       greeting, login, command or message (after its text)
   5    message: a blank or repeated recipient, a line break in a header value, an address that
        is not ASCII, a --header that cannot be added, a message too large for the server, a body
        longer than a message can carry (2147483647 characters)

@@ -14,6 +14,8 @@ struct Options {
     bool help = false;
     bool version = false;
     bool quiet = false;
+    bool verbose = false;
+    // The library's classic behaviour: no strict delivery, the pauses of Send, the classic format.
     bool compat = false;
     std::string server;
     int32_t port = 0;      // after parsing: as given, else 465 with --tls, 587 with --starttls, 25

@@ -21,8 +21,9 @@ namespace {
 
 // What a Ctrl-C does depends on where the program stands.
 enum Phase : int {
-    kPhaseOther = 0,       // ends the program at once: nothing of the message has gone out
-    kPhaseCancelable = 1,  // asks the running Send to cancel at its next progress event
+    kPhaseOther = 0,       // ends the program at once: nothing of the text has gone out (a
+                           // connect or a reply wait: no event would come to cancel in)
+    kPhaseCancelable = 1,  // the text goes into the send buffer: Send cancels at its next event
     kPhaseHandedOver = 2,  // the text is on its way or sent: ends the program at once
 };
 volatile sig_atomic_t g_phase = kPhaseOther;
@@ -137,7 +138,8 @@ public:
 
     void SendProgress(const std::shared_ptr<MailMessage>&, int32_t bytesSent,
                       int32_t totalBytes) override {
-        m_bar.Update(bytesSent, totalBytes);
+        if (g_phase == kPhaseOther) g_phase = kPhaseCancelable;
+        m_bar.Update("Preparing", bytesSent, totalBytes);
         // From the last slice on, the text leaves in one write that no cancel can stop. The flag
         // is read after the phase changes, so a Ctrl-C just before still cancels.
         if (bytesSent >= totalBytes) g_phase = kPhaseHandedOver;
@@ -166,7 +168,20 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
             EscapeControls(options.server).c_str());
     }
 
+    // The bar outlives the client, whose watchers draw on it.
+    ProgressBar bar(STDERR_FILENO, !options.quiet && ::isatty(STDERR_FILENO));
     MailClient client;
+    client.StrictDelivery(!options.compat);
+    client.PauseMilliseconds(options.compat ? 5 : 0);
+    client.WatchWrite(
+        [&](int64_t written, int64_t total) { bar.Update("Sending", written, total); });
+    if (options.verbose) {
+        client.WatchDialogue([&](bool sent, const std::u16string& line) {
+            bar.Clear();
+            const std::string text = (sent ? "> " : "< ") + EscapeControls(ToUtf8(line)) + "\n";
+            std::fputs(text.c_str(), stderr);
+        });
+    }
     try {
         client.Server(std::string_view(options.server));
         client.Port(options.port);
@@ -188,10 +203,8 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
         throw failure;
     }
 
-    ProgressBar bar(STDERR_FILENO, !options.quiet && ::isatty(STDERR_FILENO));
     auto listener = std::make_shared<SendListener>(client, bar);
     client.AddListener(listener);
-    g_phase = kPhaseCancelable;
     InStep(Step::Send, [&] { client.Send(message); });
     g_phase = listener->Canceled() ? kPhaseOther : kPhaseHandedOver;
     bar.Clear();

@@ -20,15 +20,22 @@ std::string FormatSize(int64_t bytes) {
     return text;
 }
 
-std::string FormatProgressLine(int64_t sent, int64_t total, int columns) {
+std::string FormatProgressLine(std::string_view label, int64_t sent, int64_t total,
+                               double bytesPerSecond, int columns) {
     sent = std::clamp<int64_t>(sent, 0, std::max<int64_t>(total, 0));
     int percent = total > 0 ? static_cast<int>(sent * 100 / total) : 100;
     std::string tail = sent < total ? FormatSize(sent) + " of " + FormatSize(total)
                                     : FormatSize(total) + ", waiting for the server";
+    if (sent < total && bytesPerSecond > 0) {
+        const auto left = static_cast<long long>((total - sent) / bytesPerSecond + 0.5);
+        char rate[64];
+        std::snprintf(rate, sizeof rate, "/s  %lld:%02lld left", left / 60, left % 60);
+        tail += "  " + FormatSize(static_cast<int64_t>(bytesPerSecond)) + rate;
+    }
     char percentText[8];
     std::snprintf(percentText, sizeof percentText, "%3d%%", percent);
-    // "Sending [" + bar + "] " + percent + "  " + tail, within the terminal's width.
-    const std::string head = "Sending [";
+    // label + " [" + bar + "] " + percent + "  " + tail, within the terminal's width.
+    const std::string head = std::string(label) + " [";
     int fixed = static_cast<int>(head.size() + 2 + 4 + 2 + tail.size());
     int width = std::clamp(columns - 1 - fixed, 10, 50);
     int filled = total > 0 ? static_cast<int>(sent * width / total) : width;
@@ -59,11 +66,17 @@ void ProgressBar::Write(const std::string& text) {
     }
 }
 
-void ProgressBar::Update(int64_t sent, int64_t total) {
+void ProgressBar::Update(std::string_view label, int64_t sent, int64_t total) {
     if (!m_enabled) return;
     auto now = std::chrono::steady_clock::now();
-    if (m_drawn && sent < total && now - m_lastDraw < std::chrono::milliseconds(50)) return;
-    std::string line = FormatProgressLine(sent, total, Columns());
+    const bool newStage = label != m_label;
+    if (newStage) m_label = label, m_labelStart = now;
+    if (m_drawn && !newStage && sent < total && now - m_lastDraw < std::chrono::milliseconds(50))
+        return;
+    // The rate once there is a measure of it: a quarter second of this stage.
+    const std::chrono::duration<double> elapsed = now - m_labelStart;
+    const double rate = elapsed.count() >= 0.25 ? static_cast<double>(sent) / elapsed.count() : 0;
+    std::string line = FormatProgressLine(label, sent, total, rate, Columns());
     if (m_drawn && line == m_lastLine) return;
     // Carriage return, the line, then erase what an older, longer line left behind.
     Write("\r" + line + "\x1b[K");

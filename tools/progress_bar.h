@@ -5,12 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace larkpost::cli {
 
-// "Sending [#########.........]  45%  1.2 MiB of 2.5 MiB" for a terminal of the given width.
-// At the end the counts give way to a note that the text now goes out to the server.
-std::string FormatProgressLine(int64_t sent, int64_t total, int columns);
+// "Sending [#####.....]  45%  1.2 MiB of 2.5 MiB  850.0 KiB/s  0:02 left" for a terminal of
+// the given width; no rate and time left while the rate is 0 (not known yet). At the end the
+// counts give way to a note of what comes next.
+std::string FormatProgressLine(std::string_view label, int64_t sent, int64_t total,
+                               double bytesPerSecond, int columns);
 
 // "512 B", "1.5 KiB", "2.5 MiB".
 std::string FormatSize(int64_t bytes);
@@ -24,8 +27,8 @@ public:
     ProgressBar& operator=(const ProgressBar&) = delete;
 
     // Redraws when what it shows has changed, at most every 50 ms but always at the end:
-    // progress events come every 512 characters.
-    void Update(int64_t sent, int64_t total);
+    // progress events come every 512 characters. A new label starts a new rate.
+    void Update(std::string_view label, int64_t sent, int64_t total);
     // Removes the bar, leaving the line empty.
     void Clear();
 
@@ -37,6 +40,8 @@ private:
     bool m_enabled;
     bool m_drawn = false;
     std::string m_lastLine;
+    std::string m_label;
+    std::chrono::steady_clock::time_point m_labelStart;
     std::chrono::steady_clock::time_point m_lastDraw;
 };
 

@@ -81,6 +81,15 @@ inline constexpr int32_t ERROR_HEADER_TOO_LONG = ERROR_BASE + 4022;
 // or a field that the message writes itself (Date, From, To, Cc, Bcc, Subject, Message-ID,
 // MIME-Version, Content-*).
 inline constexpr int32_t ERROR_HEADER_NAME = ERROR_BASE + 4023;
+// Strict delivery (MailClient::StrictDelivery): the server refused the message after its data;
+// the description is the reply's text.
+inline constexpr int32_t ERROR_MESSAGE_REFUSED = ERROR_BASE + 4010;
+// Strict delivery: a read found the connection closed by the server: "The server closed the
+// connection."
+inline constexpr int32_t ERROR_CONNECTION_CLOSED = ERROR_BASE + 4011;
+// Strict delivery: a reply line over 65536 characters or a reply over 1048576; the connection is
+// dropped, as the rest of the reply cannot be told from what follows it.
+inline constexpr int32_t ERROR_REPLY_TOO_LONG = ERROR_BASE + 4012;
 
 // General runtime failures keep their classic numbers.
 inline constexpr int32_t ERROR_INVALID_ARGUMENT = 5;

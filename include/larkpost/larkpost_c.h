@@ -126,6 +126,26 @@ LARKPOST_API int32_t larkpost_mail_client_set_events(larkpost_object* client,
                                                      larkpost_event_callback send_canceled,
                                                      void* user_data);
 
+/* Extensions (see mail_client.h): strict delivery, 0 (the default) or 1; the pause of Send in
+ * milliseconds (default 5; 0: none). */
+LARKPOST_API int32_t larkpost_mail_client_get_strict_delivery(larkpost_object* client,
+                                                              int32_t* out);
+LARKPOST_API int32_t larkpost_mail_client_set_strict_delivery(larkpost_object* client,
+                                                              int32_t value);
+LARKPOST_API int32_t larkpost_mail_client_get_pause_milliseconds(larkpost_object* client,
+                                                                 int32_t* out);
+LARKPOST_API int32_t larkpost_mail_client_set_pause_milliseconds(larkpost_object* client,
+                                                                 int32_t value);
+/* Watchers for logs and progress displays: each line of the dialogue (sent: 1 for the client's,
+ * 0 for the server's; UTF-8, lent for the call; login tokens masked), and how much of the
+ * message text's one write has gone. Either may be NULL; both NULL detach. */
+typedef void (*larkpost_dialogue_callback)(void* user_data, int32_t sent, const char* line);
+typedef void (*larkpost_write_callback)(void* user_data, int64_t written, int64_t total);
+LARKPOST_API int32_t larkpost_mail_client_set_watchers(larkpost_object* client,
+                                                       larkpost_dialogue_callback dialogue,
+                                                       larkpost_write_callback write,
+                                                       void* user_data);
+
 /* ---- TcpStream ---- */
 
 LARKPOST_API int32_t larkpost_tcp_stream_get_response_timeout(larkpost_object* stream,

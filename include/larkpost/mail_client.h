@@ -4,6 +4,7 @@
 
 #include <any>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -94,6 +95,26 @@ public:
     void CaFile(std::u16string rhs);
     void CaFile(std::string_view rhs);
     const std::u16string& CaFile() const;
+
+    // Extension: strict delivery (default false): a refusal after the data raises ERROR_MESSAGE_REFUSED, a
+    // transaction that did not complete is reset (RSET) before the next MAIL FROM, a read that
+    // finds the connection closed fails at once (ERROR_CONNECTION_CLOSED), the connect attempt
+    // ends after Timeout seconds (10060), a text line that starts with "." goes out doubled,
+    // replies are limited (ERROR_REPLY_TOO_LONG), and a refused "AUTH LOGIN" or "AUTH PLAIN" ends
+    // the login before any credential goes out.
+    void StrictDelivery(bool rhs);
+    bool StrictDelivery() const;
+    // The pause before the first and every fourth slice of Send (default 5; 0 or less: none).
+    void PauseMilliseconds(int32_t rhs);
+    int32_t PauseMilliseconds() const;
+    // For logs and progress displays; called on the client's thread inside its calls. The
+    // dialogue: each command line sent (login tokens masked, the message text summed up) and
+    // each reply line read, without CR LF. The write: how much of the message text and its end
+    // has gone to the server, as the one write after the last SendProgress goes out.
+    using DialogueWatcher = std::function<void(bool sent, const std::u16string& line)>;
+    using WriteWatcher = std::function<void(int64_t written, int64_t total)>;
+    void WatchDialogue(DialogueWatcher watcher);
+    void WatchWrite(WriteWatcher watcher);
 
 private:
     friend struct detail::ImplAccess;

@@ -4,6 +4,7 @@
 #include "larkpost/larkpost_c.h"
 #include "larkpost/mail_client.h"
 #include "larkpost/mail_message.h"
+#include "larkpost/text.h"
 
 using namespace larkpost;
 using namespace larkpost::capi;
@@ -153,6 +154,53 @@ LARKPOST_API int32_t larkpost_mail_client_set_events(larkpost_object* client,
         // from inside an event without touching the client's listener list while it is raising.
         EventBridgeOf(function, client, self)
             ->SetCallbacks(send_progress, cancel_pending, send_canceled, user_data);
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_get_strict_delivery(larkpost_object* client,
+                                                              int32_t* out) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        RequireOut(function, out);
+        *out = self.StrictDelivery() ? 1 : 0;
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_strict_delivery(larkpost_object* client,
+                                                              int32_t value) {
+    return OnClient(__func__, client, [&](MailClient& self) { self.StrictDelivery(value != 0); });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_get_pause_milliseconds(larkpost_object* client,
+                                                                 int32_t* out) {
+    const std::string_view function = __func__;
+    return OnClient(function, client, [&](MailClient& self) {
+        RequireOut(function, out);
+        *out = self.PauseMilliseconds();
+    });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_pause_milliseconds(larkpost_object* client,
+                                                                 int32_t value) {
+    return OnClient(__func__, client, [&](MailClient& self) { self.PauseMilliseconds(value); });
+}
+
+LARKPOST_API int32_t larkpost_mail_client_set_watchers(larkpost_object* client,
+                                                       larkpost_dialogue_callback dialogue,
+                                                       larkpost_write_callback write,
+                                                       void* user_data) {
+    return OnClient(__func__, client, [&](MailClient& self) {
+        MailClient::DialogueWatcher onLine;
+        if (dialogue != nullptr) {
+            onLine = [=](bool sent, const std::u16string& line) {
+                dialogue(user_data, sent ? 1 : 0, ToUtf8(line).c_str());
+            };
+        }
+        MailClient::WriteWatcher onWrite;
+        if (write != nullptr)
+            onWrite = [=](int64_t done, int64_t all) { write(user_data, done, all); };
+        self.WatchDialogue(std::move(onLine));
+        self.WatchWrite(std::move(onWrite));
     });
 }
 

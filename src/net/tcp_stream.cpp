@@ -13,6 +13,7 @@
 #include "platform/host_kit.h"
 #include "platform/impl_access.h"
 #include "platform/memory.h"
+#include "platform/socket_errors.h"
 
 namespace larkpost::detail {
 
@@ -27,6 +28,7 @@ constexpr char16_t kDataBeforeTls[] =
     u"The server sent data before the TLS handshake; the connection was closed.";
 constexpr char16_t kClosedBeforeConnected[] =
     u"The connection was closed before it was established.";
+constexpr char16_t kClosedByServer[] = u"The server closed the connection.";
 constexpr int32_t kTickMilliseconds = 1000;
 constexpr int32_t kTimeoutAfterConnect = 60;
 // A send buffer that held more than this gives its memory back once it has gone out, so a
@@ -79,7 +81,9 @@ struct TcpStreamImpl::SocketSink final : SocketControlEvents {
         stream.m_socket_Error(Number, Description);
     }
     void SendComplete() override { stream.m_socket_SendComplete(); }
-    void SendProgress(int32_t, int32_t) override { stream.m_socket_SendProgress(); }
+    void SendProgress(int32_t, int32_t remaining) override {
+        stream.m_socket_SendProgress(remaining);
+    }
     void TlsStarted() override { stream.m_socket_TlsStarted(); }
     void TlsFailed(int32_t Number, const std::u16string& Description) override {
         stream.m_socket_TlsFailed(Number, Description);
@@ -124,7 +128,10 @@ void TcpStreamImpl::Connect(const std::u16string& HostnameOrIP, int32_t Port) {
         // Only the new control can deliver events from here on, so nothing of the old
         // connection can slip in after this.
         DiscardLeftovers();
-        cameUp = WaitForAnyState({STATE_CONNECTED, STATE_DATA_ARRIVED});
+        auto wait = [&] { return WaitForAnyState({STATE_CONNECTED, STATE_DATA_ARRIVED}); };
+        cameUp = m_limits.connectTicks > 0
+                     ? WithTicker(Waiting::Connect, m_limits.connectTicks - 1, wait)
+                     : wait();
     } catch (const std::exception& error) {
         Raise(ERROR_CONNECTION_FAILED, ConnectionFailure(HostnameOrIP, Port, DescriptionOf(error)),
               kSourceTcpStream);
@@ -177,7 +184,7 @@ void TcpStreamImpl::StartTls(bool VerifyCertificate, const std::u16string& CaFil
             Raise(ERROR_TLS_UNEXPECTED_DATA, kDataBeforeTls, kSourceTcpStream);
         const uint64_t started = m_tlsStartedEvents;
         m_socket->StartTls(options);
-        const bool done = WithTicker(false, [&] {
+        const bool done = WithTicker(Waiting::Read, m_owner.ResponseTimeout, [&] {
             return PumpUntil([&] { return m_tlsStartedEvents != started || m_errorPending; });
         });
         if (m_errorPending) RaiseRecordedError();
@@ -259,7 +266,11 @@ void TcpStreamImpl::RaiseRecordedError() {
 }
 
 bool TcpStreamImpl::WaitForState(int32_t state) {
-    return PumpUntil([&] { return m_state == state || m_state == STATE_ERROR; });
+    const uint64_t closes = m_closeEvents;
+    return PumpUntil([&] {
+        return m_state == state || m_state == STATE_ERROR ||
+               (m_limits.failOnPeerClose && m_closeEvents != closes);
+    });
 }
 
 bool TcpStreamImpl::WaitForAnyState(std::initializer_list<int32_t> states) {
@@ -326,18 +337,30 @@ void TcpStreamImpl::m_ticker_Elapsed() {
     }
     m_ticker->Enabled(false);
     m_ticksLeft = m_owner.ResponseTimeout;
-    RecordError(ERROR_RESPONSE_TIMEOUT, m_flushing ? kTextNotTaken : kNoResponse);
+    if (m_waiting == Waiting::Connect) {
+        // The attempt is given up: the control closes and reports nothing more.
+        m_socket->Close();
+        RecordError(sckTimedout, SocketErrorDescription(sckTimedout));
+        return;
+    }
+    RecordError(ERROR_RESPONSE_TIMEOUT, m_waiting == Waiting::Flush ? kTextNotTaken : kNoResponse);
 }
 
-void TcpStreamImpl::m_socket_SendProgress() {
-    if (m_flushing) m_ticksLeft = m_owner.ResponseTimeout;
+void TcpStreamImpl::m_socket_SendProgress(int32_t bytesRemaining) {
+    if (m_waiting != Waiting::Flush) return;
+    m_ticksLeft = m_owner.ResponseTimeout;
+    const auto remaining =
+        std::min<std::size_t>(static_cast<std::size_t>(bytesRemaining), m_flushSize);
+    if (m_writeWatcher)
+        m_writeWatcher(static_cast<int64_t>(m_flushSize - remaining),
+                       static_cast<int64_t>(m_flushSize));
 }
 
 template <class Wait>
-bool TcpStreamImpl::WithTicker(bool flushing, Wait wait) {
+bool TcpStreamImpl::WithTicker(Waiting kind, int32_t ticks, Wait wait) {
     const std::shared_ptr<Ticker> ticker = m_ticker;
-    m_ticksLeft = m_owner.ResponseTimeout;
-    m_flushing = flushing;
+    m_ticksLeft = ticks;
+    m_waiting = kind;
     ticker->Interval(kTickMilliseconds);
     ticker->Enabled(true);
     bool done;
@@ -345,11 +368,11 @@ bool TcpStreamImpl::WithTicker(bool flushing, Wait wait) {
         done = wait();
     } catch (...) {
         ticker->Enabled(false);
-        m_flushing = false;
+        m_waiting = Waiting::Read;
         throw;
     }
     ticker->Enabled(false);
-    m_flushing = false;
+    m_waiting = Waiting::Read;
     return done;
 }
 
@@ -376,20 +399,36 @@ void TcpStreamImpl::Flush() {
     RequireOwnThread();
     if (m_sendBuffer.empty()) return;
     m_lastArrivalBytes = 0;
+    if (PeerClosed()) RaiseClosedByServer();
     if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     m_socket->SendData(m_sendBuffer);
+    m_flushSize = m_sendBuffer.size();
     // A server that stops reading would hold the write for ever: the ticker ends the wait once
     // the write has made no progress for the time limit and a tick, as it ends a silent read.
-    const bool sent = WithTicker(true, [&] { return WaitForSendComplete(); });
+    const bool sent =
+        WithTicker(Waiting::Flush, m_owner.ResponseTimeout, [&] { return WaitForSendComplete(); });
     if (m_errorPending) RaiseRecordedError();
     // The connection closed before the control said the text had gone: keep it for a retry.
     if (!sent) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
+    if (m_writeWatcher)
+        m_writeWatcher(static_cast<int64_t>(m_flushSize), static_cast<int64_t>(m_flushSize));
     m_sendBuffer.clear();
     if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
 }
 
 // ---- Reading ----
+
+void TcpStreamImpl::RaiseClosedByServer() {
+    // Our side closes too: nothing more can be said on this connection.
+    m_socket->Close();
+    SetState(STATE_DISCONNECTED);
+    Raise(ERROR_CONNECTION_CLOSED, kClosedByServer, kSourceTcpStream);
+}
+
+bool TcpStreamImpl::PeerClosed() const {
+    return m_limits.failOnPeerClose && m_socket && m_socket->State() == sckClosing;
+}
 
 void TcpStreamImpl::AwaitUnread(std::size_t seen) {
     RequireOwnThread();
@@ -399,9 +438,14 @@ void TcpStreamImpl::AwaitUnread(std::size_t seen) {
         // Before the first Connect there is no control that could ever deliver anything.
         if (!m_socket || !m_ticker) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
         SetState(STATE_WAITING_FOR_DATA);
-        stuck = !WithTicker(false, [&] { return WaitForState(STATE_DATA_ARRIVED); });
+        if (!PeerClosed()) {
+            stuck = !WithTicker(Waiting::Read, m_owner.ResponseTimeout,
+                                [&] { return WaitForState(STATE_DATA_ARRIVED); });
+        }
     }
     if (m_errorPending) RaiseRecordedError();
+    // Strict: what the server said before its close has been read; nothing more can come.
+    if (m_receiveBuffer.Size() <= seen && PeerClosed()) RaiseClosedByServer();
     if (stuck) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
 }
 
@@ -431,6 +475,12 @@ std::size_t TcpStreamImpl::AwaitLine() {
             const std::size_t end = m_receiveBuffer.FindLineEnd(taken > 0 ? taken - 1 : 0);
             const bool complete = end != std::string_view::npos;
             taken = complete ? end + 2 : unread;
+            // A CR that came last may begin the CR LF, so an open line is at least taken - 1 long.
+            if (m_limits.lineLength > 0 && (complete ? end : taken - 1) > m_limits.lineLength)
+                Raise(ERROR_REPLY_TOO_LONG,
+                      u"A line from the server is longer than " +
+                          Decimal(static_cast<int32_t>(m_limits.lineLength)) + u" characters.",
+                      kSourceTcpStream);
             // Lets in the events that a pump after every character but the first would have.
             if (taken >= 2) HostKitGlobal().Services().PumpEvents();
             if (complete) return taken;

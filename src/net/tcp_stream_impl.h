@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -50,6 +51,18 @@ public:
     // ReadLine for the client: the line and its CR LF go to the end of out, in the code page.
     void ReadLineTo(ByteQueue& out);
 
+    // What strict delivery asks of the stream; all off by default (the client sets them).
+    struct Limits {
+        int32_t connectTicks = 0;      // > 0: a Connect wait fails with 10060 after so many
+        std::size_t lineLength = 0;    // > 0: ReadLine refuses a longer line
+        bool failOnPeerClose = false;  // a read that finds the peer closed fails at once
+    };
+    void SetLimits(const Limits& limits) { m_limits = limits; }
+    // Hears (written, total) of each flush as the control reports progress, and at its end.
+    void WatchWrites(std::function<void(int64_t, int64_t)> watcher) {
+        m_writeWatcher = std::move(watcher);
+    }
+
 private:
     friend struct TcpStreamAccess;  // the tests' view of the state machine
     struct SocketSink;
@@ -64,14 +77,15 @@ private:
     void m_socket_DataArrival(int32_t bytesTotal);
     void m_socket_Error(int16_t Number, std::u16string& Description);
     void m_socket_SendComplete();
-    void m_socket_SendProgress();
+    void m_socket_SendProgress(int32_t bytesRemaining);
     void m_socket_TlsStarted() { ++m_tlsStartedEvents; }
     void m_socket_TlsFailed(int32_t Number, const std::u16string& Description);
     void m_ticker_Elapsed();
-    // Runs a wait with the ticker counting ResponseTimeout + 1 silent seconds; flushing: the
-    // wait is a write's, which each bit of progress gives the whole time again.
+    // What a wait with the ticker waits for; a flush's wait starts again at each bit of progress.
+    enum class Waiting { Read, Flush, Connect };
+    // Runs a wait that fails at tick `ticks` + 1 (ResponseTimeout for reads and flushes).
     template <class Wait>
-    bool WithTicker(bool flushing, Wait wait);
+    bool WithTicker(Waiting kind, int32_t ticks, Wait wait);
     void SetState(int32_t state) { m_state = state; }
     void RecordError(int32_t number, std::u16string description);
     // The waits sleep between pumps and end when nothing on the thread can deliver an event.
@@ -91,6 +105,9 @@ private:
     void AwaitUnread(std::size_t seen);
     // ReadLine's wait: the length of the first unread line with its CR LF, once it has come.
     std::size_t AwaitLine();
+    // Strict only: the peer has closed its side, so no more characters can come.
+    bool PeerClosed() const;
+    void RaiseClosedByServer();
 
     TcpStream& m_owner;
     int32_t m_state = 0;
@@ -105,7 +122,10 @@ private:
     std::string m_sendBuffer;
     int32_t m_lastArrivalBytes = 0;
     int32_t m_ticksLeft = 0;
-    bool m_flushing = false;
+    Waiting m_waiting = Waiting::Read;
+    Limits m_limits;
+    std::function<void(int64_t, int64_t)> m_writeWatcher;
+    std::size_t m_flushSize = 0;
     // Counts of Connect, SendComplete and Close events, so a wait notices an outcome that a
     // later event of the same pump has overwritten in m_state.
     uint64_t m_connectEvents = 0;

@@ -7,6 +7,11 @@
 
 namespace larkpost::detail {
 
+namespace {
+// What a dialogue watcher hears in place of a login token.
+constexpr char16_t kHiddenToken[] = u"(login token hidden)";
+}  // namespace
+
 void MailClientImpl::Authenticate(const std::u16string& Username, const std::u16string& Password) {
     // Only the empty string counts as missing: a single space is a credential.
     if (Username.empty() && Password.empty()) return;
@@ -35,9 +40,11 @@ void MailClientImpl::Authenticate(const std::u16string& Username, const std::u16
 
 void MailClientImpl::AuthenticateLogin(const std::u16string& Username,
                                        const std::u16string& Password) {
-    SendCommand(u"AUTH LOGIN");
-    SendCommand(Base64Encode(Username));
-    const SmtpResponse reply = SendCommand(Base64Encode(Password));
+    const SmtpResponse start = SendCommand(u"AUTH LOGIN");
+    // Strict: a refusal of the scheme itself ends the exchange before any credential goes out.
+    if (m_strict && start.IsError) Raise(ERROR_AUTH_FAILED, start.Text, kSourceMailClient);
+    SendCommandShown(Base64Encode(Username), kHiddenToken);
+    const SmtpResponse reply = SendCommandShown(Base64Encode(Password), kHiddenToken);
     if (reply.IsError) Raise(ERROR_AUTH_FAILED, reply.Text, kSourceMailClient);
 }
 
@@ -48,8 +55,10 @@ void MailClientImpl::AuthenticatePlain(const std::u16string& Username,
     token.reserve(Username.size() + Password.size() + 2);
     token.append(1, u'\0').append(Username).append(1, u'\0').append(Password);
 
-    SendCommand(u"AUTH PLAIN");
-    const SmtpResponse reply = SendCommand(Base64Encode(token));
+    const SmtpResponse start = SendCommand(u"AUTH PLAIN");
+    // Strict: the token holds the password; it does not follow a refusal of the scheme.
+    const SmtpResponse& reply =
+        m_strict && start.IsError ? start : SendCommandShown(Base64Encode(token), kHiddenToken);
     if (reply.IsError) {
         Raise(ERROR_AUTH_FAILED,
               u"The mail server could not authenticate you. It replied with '" + reply.Text + u"'",

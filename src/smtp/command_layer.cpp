@@ -13,6 +13,12 @@
 namespace larkpost::detail {
 
 SmtpResponse MailClientImpl::SendCommand(std::u16string_view command) {
+    return SendCommandShown(command, command);
+}
+
+SmtpResponse MailClientImpl::SendCommandShown(std::u16string_view command,
+                                              std::u16string_view shown) {
+    Show(true, shown);
     m_stream.SendLine(command);
     return ReadResponse();
 }
@@ -31,7 +37,8 @@ SmtpResponse MailClientImpl::ReadResponse() {
     bool more = true;
     while (more) {
         const std::size_t start = lines.Size();
-        ImplAccess::Of(m_stream).ReadLineTo(lines);
+        ReadReplyLine(lines);
+        CheckReplyLength(lines.Size());
         reply.LineStarts.push_back(start);
         more =
             ContinuesReply(lines.Peek(start, std::min<std::size_t>(4, lines.Size() - start - 2)));

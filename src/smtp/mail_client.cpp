@@ -68,6 +68,14 @@ void MailClient::AddListener(std::shared_ptr<MailClientEvents> listener) {
 void MailClient::RemoveListener(const std::shared_ptr<MailClientEvents>& listener) {
     m_impl->RemoveListener(listener);
 }
+void MailClient::StrictDelivery(bool rhs) { m_impl->StrictDelivery(rhs); }
+bool MailClient::StrictDelivery() const { return m_impl->StrictDelivery(); }
+void MailClient::PauseMilliseconds(int32_t rhs) { m_impl->PauseMilliseconds(rhs); }
+int32_t MailClient::PauseMilliseconds() const { return m_impl->PauseMilliseconds(); }
+void MailClient::WatchDialogue(DialogueWatcher watcher) {
+    m_impl->WatchDialogue(std::move(watcher));
+}
+void MailClient::WatchWrite(WriteWatcher watcher) { m_impl->WatchWrite(std::move(watcher)); }
 
 void MailClient::Security(int32_t rhs) {
     if (rhs < SECURITY_NONE || rhs > SECURITY_TLS)

@@ -16,6 +16,8 @@
 
 namespace larkpost::detail {
 
+class ByteQueue;
+
 // The credentials of a Connect: a password, or an OAuth 2.0 access token (XOAUTH2).
 struct Login {
     const std::u16string& user;
@@ -50,9 +52,19 @@ public:
     void CancelSend();
     void AddListener(std::shared_ptr<MailClientEvents> listener);
     void RemoveListener(const std::shared_ptr<MailClientEvents>& listener);
+    void StrictDelivery(bool rhs);
+    bool StrictDelivery() const { return m_strict; }
+    void PauseMilliseconds(int32_t rhs) { m_pauseMilliseconds = rhs; }
+    int32_t PauseMilliseconds() const { return m_pauseMilliseconds; }
+    void WatchDialogue(MailClient::DialogueWatcher watcher) {
+        m_dialogueWatcher = std::move(watcher);
+    }
+    void WatchWrite(MailClient::WriteWatcher watcher) { m_writeWatcher = std::move(watcher); }
 
     // The command and reply layer: every SMTP line of the session passes through these.
     SmtpResponse SendCommand(std::u16string_view command);
+    // As SendCommand; a dialogue watcher hears `shown` in place of the command (a login token).
+    SmtpResponse SendCommandShown(std::u16string_view command, std::u16string_view shown);
     SmtpResponse SendCommandChecked(std::u16string_view command);
     SmtpResponse ReadResponse();
     void SendRaw(std::u16string_view text);
@@ -73,6 +85,13 @@ private:
     void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
     void AuthenticateToken(const std::u16string& Username, const std::u16string& AccessToken);
     bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
+    void SendRawStuffed(std::u16string_view slice, bool atLineStart);
+    SmtpResponse EndData(std::size_t textLength);
+    // The next reply line, with its CR LF, onto the end of lines; shown to the dialogue watcher.
+    void ReadReplyLine(ByteQueue& lines);
+    void CheckReplyLength(std::size_t length);
+    void ApplyStreamLimits(int32_t timeout);
+    void Show(bool sent, std::u16string_view line);
     void DropConnectionQuietly() noexcept;
 
     void RaiseSendProgress(const std::shared_ptr<MailMessage>& message, int32_t bytesSent,
@@ -93,6 +112,13 @@ private:
     uint64_t m_connectionEpoch = 0;
     uint64_t m_transactionEpoch = 0;
     std::vector<std::shared_ptr<MailClientEvents>> m_listeners;
+    // Extensions (see MailClient); a transaction that began and did not complete is reset with
+    // RSET before the next under strict delivery.
+    bool m_strict = false;
+    int32_t m_pauseMilliseconds = 5;
+    bool m_transactionOpen = false;
+    MailClient::DialogueWatcher m_dialogueWatcher;
+    MailClient::WriteWatcher m_writeWatcher;
 };
 
 }  // namespace larkpost::detail

@@ -12,6 +12,8 @@ void MailClientImpl::Connect(const Login& login, int32_t timeout) {
     // buffers, so nothing the old one left behind reaches the new server.
     if (m_stream.Connected()) m_stream.Disconnect();
 
+    m_transactionOpen = false;
+    ApplyStreamLimits(timeout);
     const int32_t port = m_port;
     m_stream.Connect(m_server, port);
     // The stream's Connect sets a time limit of its own, so ours goes in afterwards, before the
@@ -62,6 +64,7 @@ void MailClientImpl::Disconnect(bool bForce) {
         // QUIT must leave before the close; its reply is not awaited. Should that write fail,
         // the connection is closed all the same and the write's error reaches the caller.
         try {
+            Show(true, u"QUIT");
             SendRawLine(u"QUIT");
             m_stream.Flush();
         } catch (...) {

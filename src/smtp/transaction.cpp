@@ -18,7 +18,6 @@ namespace {
 constexpr std::size_t kSliceLength = 512;
 // Before the first slice and then before every fourth one the thread pauses briefly.
 constexpr std::size_t kPausePeriod = 2048;
-constexpr int32_t kPauseMilliseconds = 5;
 
 void AppendAll(std::vector<std::u16string>& out, const KeyedCollection& list) {
     out.insert(out.end(), list.begin(), list.end());
@@ -59,6 +58,8 @@ void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
     m_cancelRequested = false;
     ++m_transactionEpoch;
 
+    if (m_strict && m_transactionOpen) SendCommandChecked(u"RSET");
+    m_transactionOpen = true;
     SendCommandChecked(u"MAIL FROM: <" + message->FromAddress() + u">");
     for (const std::u16string& recipient : recipients)
         SendCommandChecked(u"RCPT TO: <" + recipient + u">");
@@ -68,9 +69,8 @@ void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
     ImplAccess::Of(m_stream).ReserveSend(text.size() + 5);
     if (!TransferText(message, text)) return;
 
-    // With the CR LF of the line itself this ends the data with CR LF "." CR LF. The read of
-    // the reply writes the whole text in one go; the reply itself is not judged.
-    SendCommand(u"\r\n.");
+    // The read of the reply writes the whole text in one go; only strict delivery judges it.
+    EndData(text.size());
 }
 
 bool MailClientImpl::TransferText(const std::shared_ptr<MailMessage>& message,
@@ -80,9 +80,14 @@ bool MailClientImpl::TransferText(const std::shared_ptr<MailMessage>& message,
     const auto totalBytes = static_cast<int32_t>(text.size());
     int32_t bytesSent = 0;
     for (std::size_t start = 0; start < text.size(); start += kSliceLength) {
-        if (start % kPausePeriod == 0) Sleep(kPauseMilliseconds);
+        if (start % kPausePeriod == 0 && m_pauseMilliseconds > 0) Sleep(m_pauseMilliseconds);
         const std::u16string_view slice = text.substr(start, kSliceLength);
-        SendRaw(slice);
+        if (m_strict) {
+            SendRawStuffed(slice,
+                           start == 0 || text[start - 1] == u'\r' || text[start - 1] == u'\n');
+        } else {
+            SendRaw(slice);
+        }
         bytesSent += static_cast<int32_t>(slice.size());
 
         try {

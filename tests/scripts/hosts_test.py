@@ -4,7 +4,7 @@ Real aiosmtpd servers on loopback; messages read back by Python's email package.
 import contextlib, ctypes, email, email.policy, email.utils, glob, os, pathlib, pty, re, select, signal, socket  # noqa: E401
 import shutil, subprocess, tempfile, time, unittest  # noqa: E401
 
-from larkpost_ctypes import ERROR_BASE, EVENT, SEND_PROGRESS, LarkpostError, Library, declarations
+from larkpost_ctypes import DIALOGUE, ERROR_BASE, EVENT, SEND_PROGRESS, WRITE, LarkpostError, Library, declarations
 
 SOURCE, CLI = str(pathlib.Path(__file__).resolve().parents[2]), os.environ.get("LARKPOST_CLI", "")
 BASE = ["--from", "ann@example.org", "--to", "bob@example.org"]
@@ -146,6 +146,25 @@ class CInterface(unittest.TestCase):
         self.assertEqual(self.raised(ERROR_BASE + 4023, "mail_message_add_header", message, "Content-Type", "x")[0],
                          "The message writes the header 'Content-Type' itself: it cannot be added.")
 
+    def test_strict_delivery_keeps_a_smuggled_end_of_data_inside_the_text_and_watchers_hear_it(self):
+        subject, lines, writes = "x\r\n.\r\nMAIL FROM:<ceo@corp.example>\r\n..y", [], []
+        with smtp_server() as (port, messages):
+            client = self.new("MailClient", ("mail_client_set_server", "127.0.0.1"), ("mail_client_set_port", port),
+                              ("mail_client_set_strict_delivery", 1), ("mail_client_set_pause_milliseconds", 0))
+            watchers = [DIALOGUE(lambda user, sent, line: lines.append((sent, line.decode()))),
+                        WRITE(lambda user, written, total: writes.append((written, total)))]
+            self.c.call("mail_client_set_watchers", client, *watchers, None)
+            message = self.new("MailMessage", ("mail_message_set_from_address", "ann@example.org"),
+                               ("mail_message_add_recipient", "bob@example.org"),
+                               ("mail_message_set_subject_line", subject))
+            self.c.call("mail_client_connect", client, None, None)
+            self.c.call("mail_client_send", client, message)
+            self.c.call("mail_client_disconnect", client, 0)
+            (raw, envelope), = messages(1)
+        self.assertTrue(raw.startswith(b"Subject: " + subject.encode() + b"\r\n"), raw)  # the dots taken off again
+        self.assertEqual(lines[-3:], [(1, "."), (0, "250 2.0.0 Message accepted"), (1, "QUIT")])
+        self.assertEqual(writes[-1], (len(raw) + 5,) * 2)  # raw ends in CR LF; two dots doubled, and ". CR LF"
+
     def test_tcp_stream_against_a_loopback_peer_and_numbered_errors(self):
         with socket.create_server(("127.0.0.1", 0)) as listener:
             stream = self.new("TcpStream", ("tcp_stream_connect", "127.0.0.1", listener.getsockname()[1]))
@@ -210,7 +229,10 @@ class Command(unittest.TestCase):
                                  env={"LARKPOST_PASSWORD": "pa ss"}).stderr.decode(),
                              "larkpost: sent to 2 recipients through 127.0.0.1:%d\n" % port)
             self.assertEqual(run(CLI, *BASE, *login, "--quiet", "--password-env", "P", env={"P": "pa ss"}).stderr, b"")
-            (raw, envelope), _ = messages(2)
+            dialogue = run(CLI, *BASE, *login, "-v", "--quiet", env={"LARKPOST_PASSWORD": "pa ss"}).stderr.decode()
+            self.assertIn("> AUTH LOGIN\n< 334 VXNlciBOYW1lAA==\n> (login token hidden)\n< 334 UGFzc3dvcmQA\n"
+                          "> (login token hidden)\n< 235 2.7.0 Authentication successful\n", dialogue)
+            (raw, envelope), *_ = messages(3)
         self.assertEqual(envelope, ["mail_from ann@example.org", "rcpt_to bob@example.org", "rcpt_to dee@example.org",
                                     "auth_mechanism LOGIN", "auth_login ann"])
         self.assertEqual((body(parse(raw)), b"Bcc" in raw), (lines.replace("\n", "\r\n"), False))  # CR LF line ends
@@ -229,17 +251,18 @@ class Command(unittest.TestCase):
         self.assertEqual((body(parsed), plain.get_content_charset(), plain["Content-Length"], "Date" in parsed, parsed["Subject"]),
                          ("the café\r\n\r\n", "windows-1252", "18", False, "Gr��e ??"))
 
-    def run_on_terminal(self, port, text, interrupt=False):
-        """The command with its standard error on a terminal: the screen, and the exit status."""
+    def run_on_terminal(self, port, text, interrupt=None, *options):
+        """The command with its standard error on a terminal, a Ctrl-C once the screen shows interrupt: the
+        screen, and the exit status."""
         leader, follower = pty.openpty()
         process = subprocess.Popen([CLI, *BASE, "--server", "127.0.0.1", "--port", str(port), "--body",
-                                    self.file("body.txt", text)], stderr=follower, start_new_session=True)
+                                    self.file("body.txt", text), *options], stderr=follower, start_new_session=True)
         os.close(follower)
         screen = b""
         with contextlib.suppress(OSError):  # the other end closed
             while select.select([leader], [], [], 30)[0] and (chunk := os.read(leader, 4096)):
                 screen += chunk
-                if interrupt and b"Sending [" in screen:  # the text is on its way into the send buffer
+                if interrupt and interrupt in screen:
                     interrupt = process.send_signal(signal.SIGINT)  # once: it gives None
         os.close(leader)
         return screen, process.wait(10)
@@ -249,13 +272,17 @@ class Command(unittest.TestCase):
             screen, status = self.run_on_terminal(port, "y" * 20000)
             for part in (b"Sending [", b"100%", b"waiting for the server", b"\r\x1b[Klarkpost: sent to 1 recipient"):
                 self.assertIn(part, screen)
-            screen, status = self.run_on_terminal(port, "secret text\n" * 200000, interrupt=True)
+            # The classic pauses make the way into the send buffer long enough to interrupt it.
+            screen, status = self.run_on_terminal(port, "secret text\n" * 200000, b"Preparing [", "--compat")
             self.assertEqual((status, b"larkpost: canceled" in screen, len(messages(1))), (130, True, 1), screen)
 
     def test_a_scripted_server_meets_ctrl_c_at_each_stage_a_vanished_attachment_and_a_reply_that_sets_the_title(self):
         notes, title = self.file("notes.txt"), b"550-5.7.1 \x1b]0;owned\x07\r\n550 5.7.1 \x9d\x7f no\r\n"  # 0x9D: a C1 control
         for script, status, stderr in [  # script: a reply by command, None for a Ctrl-C instead
                 (None, 130, "larkpost: canceled\n"),  # while connecting; on a pipe, without \r\x1b[K
+                ({b"MAIL": None}, 130, "larkpost: canceled\n"), ({b"RCPT": None}, 130, "larkpost: canceled\n"),
+                ({b"DATA": None}, 130, "larkpost: canceled\n"),  # in each reply wait, at once
+                ({b".\r\n": b"554 5.7.1 spam\r\n"}, 4, "larkpost: error 0xA38F0FAA: 554 5.7.1 spam\n"),
                 ({}, 3, "larkpost: error 0xA38F0BB8: Error attaching file '%s'" % notes),  # the file went after the check
                 ({b".\r\n": None}, 6, "larkpost: interrupted after the message text went to the server: it may have been"),
                 ({b"MAIL": title}, 4, r"larkpost: error 0xA38F07D3: 550-5.7.1 \x1b]0;owned\x07\r\n550 5.7.1 \u{9d}\x7f no" "\n")]:
@@ -265,8 +292,9 @@ class Command(unittest.TestCase):
                                             "--attach", self.file("notes.txt", "notes")], stderr=subprocess.PIPE)
                 connection, in_data = listener.accept()[0], False  # the attachment was found before the connection
                 connection.settimeout(20)
+                interrupted = time.monotonic() + 60
                 if script is None:
-                    process.send_signal(signal.SIGINT)  # the command waits for the greeting
+                    interrupted = process.send_signal(signal.SIGINT) or time.monotonic()  # it waits for the greeting
                 else:
                     if not script:
                         os.remove(notes)
@@ -275,10 +303,41 @@ class Command(unittest.TestCase):
                         if not in_data or line == b".\r\n":
                             default, in_data = b"354 go\r\n" if line[:4] == b"DATA" else b"250 ok\r\n", line[:4] == b"DATA"
                             reply = script.get(b".\r\n" if line == b".\r\n" else line[:4], default)
-                            connection.sendall(reply) if reply else process.send_signal(signal.SIGINT)
+                            if reply is None:
+                                interrupted = process.send_signal(signal.SIGINT) or time.monotonic()
+                            connection.sendall(reply or b"")
                 output = process.communicate(timeout=20)[1].decode()
+                self.assertLess(time.monotonic() - interrupted, 1)  # within a second of a Ctrl-C
                 connection.close()
                 self.assertEqual((process.returncode, output[:len(stderr)]), (status, stderr))
+
+    def test_smtp_sink_delivers_refuses_hangs_up_and_lets_ctrl_c_through_each_answered_at_once(self):
+        if os.geteuid() != 0:
+            self.skipTest("smtp-sink is started as root, which it leaves for nobody")
+        for flags, options, status, stderr in [  # -f: refuse with 5xx; -q: hang up; -w: wait before DATA's reply
+                ([], [], 0, "larkpost: sent to 1 recipient"), (["-f", "."], ["--compat"], 0, "larkpost: sent to"),
+                (["-f", "."], [], 4, "larkpost: error 0xA38F0FAA: 500 5.3.0 Error: command failed\n"),
+                (["-q", "MAIL"], [], 4, "larkpost: error 0xA38F0FAB: The server closed the connection.\n"),
+                (["-w", "20"], [], 130, "larkpost: canceled\n")]:  # a Ctrl-C half a second in
+            port = refused_port()
+            with self.subTest(flags + options), subprocess.Popen(
+                    ["/usr/sbin/smtp-sink", "-u", "nobody", *flags, "127.0.0.1:%d" % port, "10"]) as sink:
+                try:
+                    for _ in range(100):
+                        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)):
+                            break
+                        time.sleep(0.05)
+                    started = time.monotonic()
+                    process = subprocess.Popen([CLI, *BASE, "--server", "127.0.0.1", "--port", str(port), *options],
+                                               stderr=subprocess.PIPE)
+                    if status == 130:
+                        time.sleep(0.5)
+                        started = process.send_signal(signal.SIGINT) or time.monotonic()
+                    output = process.communicate(timeout=20)[1].decode()
+                    self.assertLess(time.monotonic() - started, 1)
+                    self.assertEqual((process.returncode, output[:len(stderr)]), (status, stderr))
+                finally:
+                    sink.terminate()
 
 
 class SecureRelay(unittest.TestCase):

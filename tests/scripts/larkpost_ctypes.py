@@ -1,15 +1,17 @@
 """Larkpost's C interface from Python: every function larkpost_c.h declares, bound by ctypes with
 the types the header gives, and calls that raise LarkpostError for a non-zero result."""
 import ctypes, os, re  # noqa: E401
-from ctypes import POINTER, c_char_p, c_int32, c_size_t, c_void_p
+from ctypes import POINTER, c_char_p, c_int32, c_int64, c_size_t, c_void_p
 
 ERROR_BASE = -0x5C710000  # 0xA38F0000 as a signed 32-bit number
 SEND_PROGRESS, EVENT = ctypes.CFUNCTYPE(None, c_void_p, c_void_p, c_int32, c_int32), ctypes.CFUNCTYPE(None, c_void_p)
+DIALOGUE, WRITE = ctypes.CFUNCTYPE(None, c_void_p, c_int32, c_char_p), ctypes.CFUNCTYPE(None, c_void_p, c_int64, c_int64)
 HEADER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../include/larkpost/larkpost_c.h")
-C_TYPES = {"void": None, "int32_t": c_int32, "int32_t*": POINTER(c_int32), "size_t*": POINTER(c_size_t),
+C_TYPES = {"void": None, "int32_t": c_int32, "int64_t": c_int64, "int32_t*": POINTER(c_int32), "size_t*": POINTER(c_size_t),
            "constchar*": c_char_p, "char*": c_void_p, "char**": POINTER(c_char_p), "void*": c_void_p,
            "larkpost_object*": c_void_p, "constlarkpost_object*": c_void_p, "larkpost_object**": POINTER(c_void_p),
-           "larkpost_send_progress_callback": SEND_PROGRESS, "larkpost_event_callback": EVENT}
+           "larkpost_send_progress_callback": SEND_PROGRESS, "larkpost_event_callback": EVENT,
+           "larkpost_dialogue_callback": DIALOGUE, "larkpost_write_callback": WRITE}
 
 
 def declarations():

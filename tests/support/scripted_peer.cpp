@@ -38,6 +38,13 @@ int32_t FreeLoopbackPort() {
 
 bool LoopbackListening(int32_t port) { return ::close(LoopbackSocket(port, false)) == 0; }
 
+int32_t FullLoopbackPort() {
+    static int32_t port = 0;
+    static const int listener = LoopbackSocket(port, true);  // a queue of one, filled at once
+    static const int filler = ::listen(listener, 0) == 0 ? LoopbackSocket(port, false) : -1;
+    return filler >= 0 ? port : 0;
+}
+
 ScriptedPeer::ScriptedPeer(std::string_view transcript, const std::string& text)
     : m_listen(LoopbackSocket(m_port, true)) {
     std::vector<std::string> steps = {"!accept"};  // a kind ('<' send, '>' await, '!'), its bytes

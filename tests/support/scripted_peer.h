@@ -28,6 +28,9 @@ namespace larkpost::test {
 // A loopback port that nobody listens on at this moment; whether one takes connections.
 int32_t FreeLoopbackPort();
 bool LoopbackListening(int32_t port);
+// A loopback port whose listener's accept queue is full (for the process's life): a connect
+// to it never completes, as the listener drops the handshake.
+int32_t FullLoopbackPort();
 
 class ScriptedPeer {
 public:
