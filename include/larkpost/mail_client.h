@@ -96,12 +96,12 @@ public:
     void CaFile(std::string_view rhs);
     const std::u16string& CaFile() const;
 
-    // Extension: strict delivery (default false): a refusal after the data raises ERROR_MESSAGE_REFUSED, a
-    // transaction that did not complete is reset (RSET) before the next MAIL FROM, a read that
-    // finds the connection closed fails at once (ERROR_CONNECTION_CLOSED), the connect attempt
-    // ends after Timeout seconds (10060), a text line that starts with "." goes out doubled,
-    // replies are limited (ERROR_REPLY_TOO_LONG), and a refused "AUTH LOGIN" or "AUTH PLAIN" ends
-    // the login before any credential goes out.
+    // Extension: strict delivery (default false): a refusal after the data raises
+    // ERROR_MESSAGE_REFUSED, a transaction that did not complete is reset (RSET) before the next
+    // MAIL FROM, a read that finds the connection closed fails at once (ERROR_CONNECTION_CLOSED),
+    // the connect attempt ends after Timeout seconds (10060), a text line that starts with "." goes
+    // out doubled, replies are limited (ERROR_REPLY_TOO_LONG), and a refused "AUTH LOGIN" or "AUTH
+    // PLAIN" ends the login before any credential goes out.
     void StrictDelivery(bool rhs);
     bool StrictDelivery() const;
     // The pause before the first and every fourth slice of Send (default 5; 0 or less: none).
