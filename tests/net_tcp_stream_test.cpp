@@ -206,7 +206,7 @@ TEST(StreamOverTls, NoDecryptedByteWaitsInsideTls) {
     detail::PosixSocketControl::SetReadChunkForTesting(100);
     TcpStream stream;
     stream.Connect(u"127.0.0.1", peer.Port());
-    stream.ResponseTimeout = 1;
+    stream.ResponseTimeout = 10;  // a handshake under Valgrind takes seconds
     stream.StartTls(true, detail::FromAnsi(test::Certificates() + "ca.pem"));
     EXPECT_EQ(detail::ToAnsi(stream.ReadLine()), line);
     detail::PosixSocketControl::SetReadChunkForTesting(0), detail::SetTickScaleForTesting(1);

@@ -188,7 +188,7 @@ int SendMessage(const Options& options, const std::shared_ptr<MailMessage>& mess
         client.Timeout = options.timeout;
         client.Security(options.security);
         if (options.caFile) client.CaFile(std::string_view(*options.caFile));
-        const std::string_view user(options.user.value_or(""));
+        const std::string user = options.user.value_or("");
         if (options.tokenEnv)
             client.ConnectWithToken(user, std::string_view(secret));
         else
