@@ -133,6 +133,12 @@ TEST_F(StreamTest, ReadLineEndsOnlyAtCrLfEvenOneSplitAcrossArrivals) {
     ExpectRaised([&] { stream.ReadLine(); }, 10053, u"Aborted");
     for (auto line : {u"250 a", u"a\nb\rc", u""}) EXPECT_EQ(stream.ReadLine(), line);
     EXPECT_EQ(Unread(), u"rest");
+    // A CR LF split between two stored pieces of unread text (past 256 KiB an arrival starts one).
+    const std::string big(300000, '\xe9');
+    control->Post({FakeEvent::Arrival(big + "\r")});
+    control->Post({FakeEvent::Arrival("\nz\r\n")}, 2);
+    EXPECT_EQ(stream.ReadLine(), u"rest" + detail::FromAnsi(big));
+    EXPECT_EQ(stream.ReadLine(), u"z");
 }
 
 // A read fails at tick ResponseTimeout + 1 of its silence (a negative count is 0), losing its partial

@@ -10,8 +10,9 @@ namespace larkpost::detail {
 namespace {
 // Small arrivals join the last piece up to this size; larger ones stay pieces of their own.
 constexpr std::size_t kPieceBytes = 256 * 1024;
-// Pieces at least this large give their pages back as soon as they are taken (see ReleasePages).
-constexpr std::size_t kReleasedPieceBytes = 64 * 1024;
+// A conversion at least this large gives the pages of the pieces it empties back at once (see
+// ReleasePages). Smaller ones leave them to the allocator, which reuses them without new faults.
+constexpr std::size_t kReleasingTakeBytes = 1024 * 1024;
 }  // namespace
 
 std::string_view ByteQueue::Piece(std::size_t index) const {
@@ -26,6 +27,13 @@ void ByteQueue::Append(std::string_view bytes) {
     else
         m_pieces.emplace_back(bytes);
     m_size += bytes.size();
+}
+
+void ByteQueue::Append(std::string&& bytes) {
+    if (bytes.size() < kPieceBytes / 2) return Append(std::string_view(bytes));
+    m_size += bytes.size();
+    m_pieces.push_back(std::move(bytes));
+    bytes.clear();
 }
 
 void ByteQueue::Clear() {
@@ -67,7 +75,7 @@ std::u16string ByteQueue::Peek(std::size_t at, std::size_t count) const {
 }
 
 template <class Use>
-void ByteQueue::TakeFront(std::size_t count, Use use) {
+void ByteQueue::TakeFront(std::size_t count, bool release, Use use) {
     count = std::min(count, m_size);
     m_size -= count;
     while (count > 0) {
@@ -76,8 +84,8 @@ void ByteQueue::TakeFront(std::size_t count, Use use) {
         use(piece.substr(0, part), part == piece.size());
         count -= part;
         if (part == piece.size()) {
-            std::string& gone = m_pieces.front();  // empty when use moved it away
-            if (gone.capacity() >= kReleasedPieceBytes) ReleasePages(gone.data(), gone.capacity());
+            std::string& gone = m_pieces.front();
+            if (release) ReleasePages(gone.data(), gone.capacity());
             m_pieces.pop_front();
             m_frontTaken = 0;
         } else {
@@ -89,12 +97,13 @@ void ByteQueue::TakeFront(std::size_t count, Use use) {
 std::u16string ByteQueue::Take(std::size_t count, std::size_t spare) {
     std::u16string text;
     text.reserve(std::min(count, m_size) + spare);
-    TakeFront(count, [&](std::string_view part, bool) { AppendFromAnsi(text, part); });
+    TakeFront(count, count >= kReleasingTakeBytes,
+              [&](std::string_view part, bool) { AppendFromAnsi(text, part); });
     return text;
 }
 
 void ByteQueue::MoveTo(ByteQueue& out, std::size_t count) {
-    TakeFront(count, [&](std::string_view part, bool whole) {
+    TakeFront(count, false, [&](std::string_view part, bool whole) {
         // A whole piece changes hands without a copy when it is the piece as stored.
         if (whole && m_frontTaken == 0 && part.size() > kPieceBytes / 2) {
             out.m_size += part.size();
@@ -106,7 +115,7 @@ void ByteQueue::MoveTo(ByteQueue& out, std::size_t count) {
 }
 
 void ByteQueue::Drop(std::size_t count) {
-    TakeFront(count, [](std::string_view, bool) {});
+    TakeFront(count, false, [](std::string_view, bool) {});
 }
 
 }  // namespace larkpost::detail

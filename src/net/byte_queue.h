@@ -17,6 +17,8 @@ public:
     std::size_t Size() const { return m_size; }
     bool Empty() const { return m_size == 0; }
     void Append(std::string_view bytes);
+    // The same; a large piece is adopted without a copy (bytes is then left empty).
+    void Append(std::string&& bytes);
     void Clear();
     // The index of the first CR LF that starts at or after from; npos when there is none.
     std::size_t FindLineEnd(std::size_t from) const;
@@ -30,9 +32,10 @@ public:
 
 private:
     std::string_view Piece(std::size_t index) const;
-    // Removes up to count bytes from the front, each piece handed to use first.
+    // Removes up to count bytes from the front, each piece handed to use first; release: the
+    // pages of each emptied piece go back to the system at once.
     template <class Use>
-    void TakeFront(std::size_t count, Use use);
+    void TakeFront(std::size_t count, bool release, Use use);
 
     std::deque<std::string> m_pieces;
     std::size_t m_frontTaken = 0;  // bytes of the first piece already gone

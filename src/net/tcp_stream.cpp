@@ -315,7 +315,7 @@ void TcpStreamImpl::m_socket_DataArrival(int32_t bytesTotal) {
     // The bytes stay bytes until a read returns them: the code page maps each byte to one
     // character and back, so converting later gives the same text at half the memory.
     m_socket->GetBytes(m_arrival, bytesTotal);
-    m_receiveBuffer.Append(m_arrival);
+    m_receiveBuffer.Append(std::move(m_arrival));
     m_arrival.clear();
     m_lastArrivalBytes = bytesTotal;
 }

@@ -116,7 +116,8 @@ private:
     bool m_errorPending = false;
     // Unread characters, kept in the code page until a read takes them.
     ByteQueue m_receiveBuffer;
-    // Where GetBytes puts an arrival; it keeps its capacity from one arrival to the next.
+    // Where GetBytes puts an arrival: a large one becomes a piece of the buffer as it is, a
+    // small one is copied and the string keeps its capacity for the next.
     std::string m_arrival;
     // Unsent text, kept already in the code page it goes out in.
     std::string m_sendBuffer;

@@ -1,15 +1,20 @@
 // A MailClient against a server whose every byte the fuzzer chooses: each failure is one the client
-// documents; each write is one command line, or the whole text with its end line; a second session
-// on the same client then meets nothing of the first.
+// documents; each write is one command line, or the whole text with its end line; the outcome is
+// the one the replies call for (a refusal stops the transaction, a SIZE limit stops the send before
+// MAIL FROM, AUTH picks LOGIN before PLAIN, a cancel lets nothing of the text out); a second
+// session on the same client then meets nothing of the first.
 // Input: a byte of options, then the server's replies split at NUL bytes: the first when the
 // connection stands, the next after each write of the client; then it closes (or stays silent).
+#include <algorithm>
 #include <set>
 
 #include "fuzz_support.h"
 #include "larkpost/mail_client.h"
 #include "larkpost/mail_message.h"
+#include "platform/codepage.h"
 #include "platform/socket_errors.h"
 #include "support/fake_socket_control.h"
+#include "support/mail_message_access.h"
 
 using namespace larkpost;
 using test::FakeEvent;
@@ -17,6 +22,7 @@ using test::FakeEvent;
 namespace {
 
 std::shared_ptr<test::FakeSocketControl> g_server;  // the control of the session being played
+std::u16string g_lastDescription;                   // of the last error Attempt caught
 
 // Run when the connection stands: the replies in turn (an empty one is silence), then a close.
 void Play(test::FakeSocketFactory& sockets, const std::vector<std::string>& replies, bool close) {
@@ -43,8 +49,89 @@ int32_t Attempt(const std::function<void()>& call) {
         return 0;
     } catch (const RaisedError& error) {
         assert(documented.count(error.Number()));
+        g_lastDescription = error.Description();
         return error.Number();
     }
+}
+
+// The replies in the server's bytes as the client reads them, line by line in lock-step: reply k
+// answers the client's write k - 1 (reply 0 is the greeting). A part-line at the end is dropped.
+struct Reply {
+    std::vector<std::string> lines;
+    std::string text;  // each line with its CR LF
+    // The code of the last line as the client reads it: up to three ASCII digits, else -1.
+    int code() const {
+        const std::string digits = lines.back().substr(0, 3);
+        if (digits.empty() || digits.find_first_not_of("0123456789") != digits.npos) return -1;
+        return std::stoi(digits);
+    }
+    // The pieces (split at single spaces, upper-cased) of each keyword line after the first.
+    std::vector<std::vector<std::string>> keywords() const {
+        std::vector<std::vector<std::string>> result;
+        for (std::size_t i = 1; i < lines.size(); ++i) {
+            std::string upper = lines[i].size() > 4 ? lines[i].substr(4) : "";
+            for (char& c : upper) c = c >= 'a' && c <= 'z' ? char(c - 32) : c;
+            std::vector<std::string> pieces;
+            for (std::size_t at = 0, space = 0; !upper.empty() && space != upper.npos; at = space + 1)
+                pieces.push_back(upper.substr(at, (space = upper.find(' ', at)) - at));
+            result.push_back(pieces);
+        }
+        return result;
+    }
+    // The limit of the SIZE lines (the last counts), -1 without one; the error that the first
+    // malformed one raises goes to *error.
+    long long sizeLimit(int32_t* error) const {
+        long long limit = -1;
+        *error = 0;
+        for (const auto& pieces : keywords()) {
+            if (pieces.empty() || pieces[0] != "SIZE") continue;
+            const std::string value = pieces.size() < 2 ? "" : pieces[1];
+            if (pieces.size() < 2) *error = ERROR_INVALID_SIZE_VALUE;
+            else if (value.empty() || value.find_first_not_of("0123456789") != value.npos)
+                *error = ERROR_TYPE_MISMATCH;
+            else if (value.find_first_not_of('0') != value.npos &&
+                     (value.size() - value.find_first_not_of('0') > 10 || std::stoll(value) > INT32_MAX))
+                *error = ERROR_OVERFLOW;
+            if (*error) return -1;
+            limit = std::stoll(value);
+        }
+        return limit;
+    }
+    bool offers(const std::string& mechanism) const {
+        for (const auto& pieces : keywords())
+            if (!pieces.empty() && pieces[0] == "AUTH" &&
+                std::find(pieces.begin() + 1, pieces.end(), mechanism) != pieces.end())
+                return true;
+        return false;
+    }
+};
+
+std::vector<Reply> ParseReplies(const std::string& bytes) {
+    std::vector<Reply> replies;
+    bool open = false;
+    for (std::size_t start = 0, end; (end = bytes.find("\r\n", start)) != bytes.npos; start = end + 2) {
+        const std::string line = bytes.substr(start, end - start);
+        if (!open) replies.emplace_back();
+        replies.back().lines.push_back(line);
+        replies.back().text += line + "\r\n";
+        open = line.size() > 3 && line[3] == '-';
+    }
+    if (open) replies.pop_back();
+    return replies;
+}
+
+// Cancels at the progress event `at` (1: the first slice) and counts SendCanceled.
+struct Canceler : MailClientEvents {
+    MailClient* client = nullptr;
+    int at = 0, progress = 0, canceled = 0;
+    void SendProgress(const std::shared_ptr<MailMessage>&, int32_t, int32_t) override {
+        if (++progress == at) client->CancelSend();
+    }
+    void SendCanceled() override { ++canceled; }
+};
+
+bool StartsTransaction(const std::string& write) {
+    return write.starts_with("MAIL FROM:") || write.starts_with("RCPT TO:") || write == "DATA\r\n";
 }
 
 }  // namespace
@@ -55,6 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const int o = size ? data[0] : 0;
     const bool logIn = o & 1, send = o & 2, longText = o & 4, silent = o & 32, refuse = o & 64,
                force = o & 128;
+    const int cancelAt = (o >> 3) & 3;  // 0: no cancel
     const std::string input(reinterpret_cast<const char*>(data) + !!size, size - !!size);
     std::vector<std::string> replies;
     for (std::size_t start = 0, end = 0; end != input.npos; start = end + 1)
@@ -75,19 +163,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     message->AddCCRecipient("cc@example.org");
     message->SubjectLine("fuzz");
     message->Body(longText ? std::string(3000, 'x') : std::string("short"));
+    const std::size_t textLength = detail::MailMessageAccess::BuildMessage(*message).size();
+    auto canceler = std::make_shared<Canceler>();
+    canceler->client = &client;
+    canceler->at = cancelAt;
+    client.AddListener(canceler);
 
-    const bool connected =
-        !Attempt([&] { logIn ? client.Connect(u"user", u"pw") : client.Connect(); });
-    const bool sent = connected && send && !Attempt([&] { client.Send(message); });
+    const int32_t connectError =
+        Attempt([&] { logIn ? client.Connect(u"user", u"pw") : client.Connect(); });
+    const bool connected = connectError == 0;
+    const int32_t sendError = connected && send ? Attempt([&] { client.Send(message); }) : -1;
+    const std::u16string sendDescription = g_lastDescription;
     Attempt([&] { client.Disconnect(force); });
-    bool textWritten = false;
-    for (const std::string& write : g_server ? g_server->Writes() : std::vector<std::string>{}) {
+    client.RemoveListener(canceler);
+    const std::vector<std::string> writes = g_server ? g_server->Writes() : std::vector<std::string>{};
+    // A flush whose write a busy machine delays past the first tick fails, and the next one
+    // sends its text again with the next line: then only whole lines are checked.
+    bool textWritten = false, retried = false;
+    for (const std::string& write : writes) {
         const bool text = write.starts_with("Subject: fuzz\r\n") && write.ends_with("\r\n.\r\n");
-        assert(text || (write.ends_with("\r\n") && write.find("\r\n") == write.size() - 2));
+        retried |= !text && write.find("\r\n") != write.size() - 2;
+        assert(write.ends_with("\r\n"));
         textWritten |= text;
     }
-    assert(!(connected && refuse) && (textWritten || !sent));
-
     // This server answers everything: a generous limit (a second of scaled ticks) keeps a late
     // pump on a busy machine from passing for silence. Its limit, on the second line of its EHLO
     // reply, stops the send before MAIL FROM.
@@ -100,5 +198,59 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
            Attempt([&] { client.Send(message); }) == ERROR_MESSAGE_TOO_LARGE &&
            !Attempt([&] { client.Disconnect(); }));
     assert(g_server->Writes() == (std::vector<std::string>{"EHLO fake-host.test\r\n", "QUIT\r\n"}));
+    if (retried) return 0;
+    assert(!(connected && refuse) && (textWritten || sendError != 0 || canceler->canceled));
+
+    // The outcome the replies call for. Reply k + 1 answers write k.
+    std::string served;
+    for (const std::string& reply : replies) served += reply;
+    const std::vector<Reply> read = ParseReplies(served);
+    auto answer = [&](std::size_t write) -> const Reply* {
+        return write + 1 < read.size() ? &read[write + 1] : nullptr;
+    };
+    for (std::size_t k = 0; k < writes.size(); ++k) {
+        const Reply* reply = answer(k);
+        const bool refused = reply && reply->code() >= 400;
+        // A refused greeting, EHLO or transaction command: only QUIT may follow.
+        if (k == 0 && !read.empty() && read[0].code() >= 400) assert(writes[0] == "QUIT\r\n");
+        if (refused && (writes[k].starts_with("EHLO ") || StartsTransaction(writes[k])) &&
+            k + 1 < writes.size())
+            assert(writes[k + 1] == "QUIT\r\n");
+        // Unless the reply's last part came only with a later write, and its wait ran out first.
+        if (writes[k].starts_with("EHLO ") && reply && reply->code() < 400 && reply->code() >= 0 &&
+            connectError != ERROR_RESPONSE_TIMEOUT) {
+            // SIZE: a limit below the text's length lets no MAIL FROM out.
+            int32_t sizeError = 0;
+            const long long limit = reply->sizeLimit(&sizeError);
+            const bool tooLarge = limit > 0 && textLength > std::size_t(limit);
+            for (const std::string& w : writes) assert(!(tooLarge && w.starts_with("MAIL FROM:")));
+            if (tooLarge && connected && send) assert(sendError == ERROR_MESSAGE_TOO_LARGE);
+            if (sizeError) assert(connectError == sizeError);
+            // AUTH: LOGIN when offered, else PLAIN, else none and the documented refusal.
+            if (logIn && k + 1 < writes.size()) {
+                const std::string expected = sizeError                   ? "QUIT\r\n"
+                                             : reply->offers("LOGIN") ? "AUTH LOGIN\r\n"
+                                             : reply->offers("PLAIN") ? "AUTH PLAIN\r\n"
+                                                                      : "QUIT\r\n";
+                assert(writes[k + 1] == expected);
+                assert(expected != "QUIT\r\n" ||
+                       connectError == (sizeError ? sizeError : ERROR_AUTH_UNSUPPORTED));
+            }
+        }
+    }
+    if (sendError == ERROR_COMMAND_REFUSED) {
+        // The last command before the QUIT (if any) was refused, and the error carries its reply.
+        std::size_t last = writes.size() - 1;
+        if (writes[last] == "QUIT\r\n") --last;
+        assert(StartsTransaction(writes[last]) && answer(last) && answer(last)->code() >= 400);
+        assert(detail::ToAnsi(sendDescription) == answer(last)->text);
+    }
+    // A cancel from a progress handler: nothing of the text, the connection closed, no error.
+    if (canceler->canceled) {
+        assert(cancelAt && !textWritten && sendError == 0 && writes.back() == "DATA\r\n");
+    } else if (cancelAt && sendError == 0 && send && connected) {
+        assert(textWritten && canceler->progress < cancelAt);
+    }
+
     return 0;
 }

@@ -1,0 +1,135 @@
+// The larkpost command's option parser and the text helpers it prints and reads with: any
+// argument list is parsed or refused as a usage error (status 2, error 5); what is parsed reads
+// the same when written back as --option=VALUE; the needed options are there. Escaped text is
+// UTF-8 without control characters and leaves clean UTF-8 alone; line ends become CR LF with the
+// same breaks; a progress line never fills the last column.
+// Input: the arguments, split at NUL bytes; the first also sets the progress line's numbers.
+#include <cstring>
+
+#include "cli_error.h"
+#include "cli_options.h"
+#include "control_escapes.h"
+#include "fuzz_support.h"
+#include "larkpost/text.h"
+#include "progress_bar.h"
+#include "text_input.h"
+
+using namespace larkpost;
+using namespace larkpost::cli;
+
+namespace {
+
+// Each parsed value in --option=VALUE form, in an order that parses to the same options.
+std::vector<std::string> WrittenBack(const Options& o) {
+    std::vector<std::string> args = {"larkpost"};
+    auto add = [&](const char* name, const std::string& value) {
+        args.push_back(std::string(name) + "=" + value);
+    };
+    for (auto [flag, name] : {std::pair{o.help, "--help"}, {o.version, "--version"}, {o.quiet, "--quiet"}})
+        if (flag) args.push_back(name);
+    if (!o.server.empty()) add("--server", o.server);
+    add("--port", std::to_string(o.port));
+    add("--timeout", std::to_string(o.timeout));
+    if (o.user) add("--user", *o.user);
+    if (o.passwordEnv) add("--password-env", *o.passwordEnv);
+    add("--from", o.from);
+    add("--sender-name", o.senderName);
+    for (const auto& v : o.to) add("--to", v);
+    for (const auto& v : o.cc) add("--cc", v);
+    for (const auto& v : o.bcc) add("--bcc", v);
+    add("--subject", o.subject);
+    if (o.bodyFile) add("--body", *o.bodyFile);
+    if (o.htmlFile) add("--html", *o.htmlFile);
+    for (const auto& v : o.attachments) add("--attach", v);
+    if (o.saveFile) add("--save", *o.saveFile);
+    return args;
+}
+
+Options Parse(const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    for (const auto& a : args) argv.push_back(a.c_str());
+    return ParseOptions(static_cast<int>(argv.size()), argv.data());
+}
+
+bool Same(const Options& a, const Options& b) {
+    return a.help == b.help && a.version == b.version && a.quiet == b.quiet &&
+           a.server == b.server && a.port == b.port && a.timeout == b.timeout &&
+           a.user == b.user && a.passwordEnv == b.passwordEnv && a.from == b.from &&
+           a.senderName == b.senderName && a.to == b.to && a.cc == b.cc && a.bcc == b.bcc &&
+           a.subject == b.subject && a.bodyFile == b.bodyFile && a.htmlFile == b.htmlFile &&
+           a.attachments == b.attachments && a.saveFile == b.saveFile;
+}
+
+void CheckEscaped(const std::string& text) {
+    const std::string escaped = EscapeControls(text);
+    std::u16string decoded;
+    assert(TryFromUtf8(escaped, decoded));
+    for (char16_t c : decoded) assert(c >= 0x20 && c != 0x7F && !(c >= 0x80 && c <= 0x9F));
+    std::u16string original;
+    bool clean = TryFromUtf8(text, original);
+    for (char16_t c : original) clean &= c >= 0x20 && c != 0x7F && !(c >= 0x80 && c <= 0x9F);
+    assert(!clean || escaped == text);
+}
+
+// Every CR LF, lone CR and lone LF one break; what lies between the breaks unchanged.
+std::u16string Breaks(std::u16string_view text, bool crLfOnly) {
+    std::u16string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == u'\r' && i + 1 < text.size() && text[i + 1] == u'\n') {
+            out += u'|', ++i;
+        } else if (!crLfOnly && (text[i] == u'\r' || text[i] == u'\n')) {
+            out += u'|';
+        } else {
+            assert(!crLfOnly || (text[i] != u'\r' && text[i] != u'\n'));
+            out += text[i] == u'|' ? u'/' : text[i];
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    std::vector<std::string> args = {"larkpost"};
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    for (std::size_t start = 0, end = 0; end != input.npos && !input.empty(); start = end + 1)
+        args.push_back(input.substr(start, (end = input.find('\0', start)) - start));
+    if (args.size() > 64) return 0;
+
+    try {
+        const Options options = Parse(args);
+        assert(options.help || options.version || !options.from.empty());
+        assert(options.help || options.version || options.saveFile ||
+               (!options.server.empty() && !options.to.empty()));
+        assert(options.port >= 1 && options.port <= 65535 && options.timeout >= 1);
+        assert(!options.user || !options.saveFile || options.help || options.version);
+        // Written back, the options read the same (unless a needed one was empty, which the
+        // written form then gives as an empty value that the checks refuse alike).
+        Options again;
+        try {
+            again = Parse(WrittenBack(options));
+        } catch (const CliError&) {
+            assert(false);
+        }
+        assert(Same(options, again));
+    } catch (const CliError& error) {
+        assert(error.status == kExitUsage && error.number == 5 && !error.description.empty());
+    }
+
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        CheckEscaped(args[i]);
+        std::u16string text;
+        if (TryFromUtf8(args[i], text))
+            assert(Breaks(WithCrLfLineEnds(text), true) == Breaks(text, false));
+    }
+    // Progress as the send reports it: 0 <= sent <= total < 2^31, any terminal width.
+    uint64_t numbers[3] = {};
+    std::memcpy(numbers, data, std::min(size, sizeof numbers));
+    const auto total = static_cast<int64_t>(numbers[1] % (1ull << 31));
+    const auto sent = static_cast<int64_t>(numbers[0] % (total + 1));
+    const int columns = static_cast<int>(numbers[2] % 400);
+    assert(FormatProgressLine(sent, total, columns).size() <=
+           static_cast<std::size_t>(std::max(columns - 1, 1)));
+    assert(!FormatSize(total).empty());
+    return 0;
+}
