@@ -1,8 +1,6 @@
-// AttachFile with a name or wildcard pattern in a fixed directory: a pattern is accepted exactly
-// when a plain reference matcher finds a plain file for it; a refusal has the documented number
-// and text; an accepted path saves, or fails with the attachment error only.
-// Input: a byte that picks the reading (even: a byte a character; odd: 16-bit code units), then
-// the name or pattern; a "/" is dropped, so the search stays in the directory.
+// AttachFile with a name or pattern in a fixed directory: accepted exactly when a reference matcher
+// finds a plain file; refusals as documented; an accepted path saves or fails with the attachment
+// error only. Input: a byte (odd: 16-bit code units follow), then the name, "/" dropped.
 #include <filesystem>
 
 #include "fuzz_support.h"
@@ -16,8 +14,7 @@ using namespace larkpost;
 namespace {
 
 const std::string g_dir = "/tmp/larkpost-fuzz-attach-" + std::to_string(::getpid());
-// What the search may accept: regular files and a link to one; the directory dir.txt, a dangling
-// link and a FIFO are there as well.
+// What the search may accept; a directory, a dangling link and a FIFO lie beside them.
 const std::u16string g_files[] = {u"a.txt",          u"b.TXT",         u"noext",
                                   u"dot.",           u".hidden",       u"x.tar.gz",
                                   u"with space.jpg", u"caf\u00e9.htm", u"link.txt"};
@@ -70,9 +67,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     message->AddRecipient("to@example.org");
     try {
         message->SaveToFile(g_dir + "/saved.eml");
-    } catch (const RaisedError& error) {
-        assert(error.Number() ==
-               ERROR_ATTACHMENT_FAILED);  // a wildcard's file is read at the build
+    } catch (const RaisedError& error) {  // a wildcard's file is read at the build
+        assert(error.Number() == ERROR_ATTACHMENT_FAILED);
     }
     return 0;
 }

@@ -42,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     std::size_t read = 0;
     try {
         for (; read <= lines.size(); ++read) {  // one read past the lines, which must fail
-            // Five seconds of scaled ticks for the reads that must see data: only real silence
-            // ends them, even when a busy machine stalls a pump.
+            // Five seconds of scaled ticks where data must come: a stalled pump is no silence.
             stream.ResponseTimeout = read < lines.size() ? 50000 : 0;
             const std::u16string line = stream.ReadLine();
             assert(read < lines.size() && line == lines[read]);

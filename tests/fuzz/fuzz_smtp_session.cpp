@@ -1,10 +1,6 @@
-// A MailClient against a server whose every byte the fuzzer chooses: each failure is one the client
-// documents; each write is one command line, or the whole text with its end line; the outcome is
-// the one the replies call for (a refusal stops the transaction, a SIZE limit stops the send before
-// MAIL FROM, AUTH picks LOGIN before PLAIN, a cancel lets nothing of the text out); a second
-// session on the same client then meets nothing of the first.
-// Input: a byte of options, then the server's replies split at NUL bytes: the first when the
-// connection stands, the next after each write of the client; then it closes (or stays silent).
+// A MailClient against a fuzz server: documented failures only, whole-line writes, the outcome the
+// replies call for; a second session on the same client meets nothing of the first.
+// Input: a byte of options, then the replies split at NUL (the greeting, then one a write).
 #include <algorithm>
 #include <set>
 
@@ -54,12 +50,11 @@ int32_t Attempt(const std::function<void()>& call) {
     }
 }
 
-// The replies in the server's bytes as the client reads them, line by line in lock-step: reply k
-// answers the client's write k - 1 (reply 0 is the greeting). A part-line at the end is dropped.
+// The server's bytes as the client reads them: reply k answers write k - 1; a part-line is dropped.
 struct Reply {
     std::vector<std::string> lines;
     std::string text;  // each line with its CR LF
-    // The code of the last line as the client reads it: up to three ASCII digits, else -1.
+    // The code of the last line: up to three ASCII digits, else -1.
     int code() const {
         const std::string digits = lines.back().substr(0, 3);
         if (digits.empty() || digits.find_first_not_of("0123456789") != digits.npos) return -1;
@@ -78,8 +73,7 @@ struct Reply {
         }
         return result;
     }
-    // The limit of the SIZE lines (the last counts), -1 without one; the error that the first
-    // malformed one raises goes to *error.
+    // The last SIZE line's limit (-1: none); the first malformed one's error goes to *error.
     long long sizeLimit(int32_t* error) const {
         long long limit = -1;
         *error = 0;
@@ -144,9 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                force = o & 128;
     const int cancelAt = (o >> 3) & 3;  // 0: no cancel
     const std::string input(reinterpret_cast<const char*>(data) + !!size, size - !!size);
-    std::vector<std::string> replies;
-    for (std::size_t start = 0, end = 0; end != input.npos; start = end + 1)
-        replies.push_back(input.substr(start, (end = input.find('\0', start)) - start));
+    const std::vector<std::string> replies = fuzz::Split<char>(input, '\0');
     test::FakeSocketFactory sockets;
     const std::u16string refused = detail::SocketErrorDescription(detail::sckConnectionRefused);
     sockets.NextConnect(
@@ -177,8 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Attempt([&] { client.Disconnect(force); });
     client.RemoveListener(canceler);
     const std::vector<std::string> writes = g_server ? g_server->Writes() : std::vector<std::string>{};
-    // A flush whose write a busy machine delays past the first tick fails, and the next one
-    // sends its text again with the next line: then only whole lines are checked.
+    // A flush delayed past the first tick fails, and the next sends its text again: whole lines only.
     bool textWritten = false, retried = false;
     for (const std::string& write : writes) {
         const bool text = write.starts_with("Subject: fuzz\r\n") && write.ends_with("\r\n.\r\n");
@@ -186,9 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         assert(write.ends_with("\r\n"));
         textWritten |= text;
     }
-    // This server answers everything: a generous limit (a second of scaled ticks) keeps a late
-    // pump on a busy machine from passing for silence. Its limit, on the second line of its EHLO
-    // reply, stops the send before MAIL FROM.
+    // A clean server, with a limit generous enough for a busy machine: its SIZE stops the send.
     client.Timeout = 10000;
     const std::vector<std::string> clean = {"220 clean\r\n", "250-clean\r\n250 SIZE 99\r\n",
                                             "221 bye\r\n"};
@@ -211,12 +200,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (std::size_t k = 0; k < writes.size(); ++k) {
         const Reply* reply = answer(k);
         const bool refused = reply && reply->code() >= 400;
-        // A refused greeting, EHLO or transaction command: only QUIT may follow.
+        // After a refused greeting, EHLO or transaction command only QUIT may follow.
         if (k == 0 && !read.empty() && read[0].code() >= 400) assert(writes[0] == "QUIT\r\n");
         if (refused && (writes[k].starts_with("EHLO ") || StartsTransaction(writes[k])) &&
             k + 1 < writes.size())
             assert(writes[k + 1] == "QUIT\r\n");
-        // Unless the reply's last part came only with a later write, and its wait ran out first.
+        // (Unless the reply's last part came after its wait ran out.)
         if (writes[k].starts_with("EHLO ") && reply && reply->code() < 400 && reply->code() >= 0 &&
             connectError != ERROR_RESPONSE_TIMEOUT) {
             // SIZE: a limit below the text's length lets no MAIL FROM out.

@@ -1,11 +1,6 @@
-// The real socket layer (PosixSocketControl under a TcpStream) over a socketpair whose far end the
-// fuzzer plays inside the stream's own pumps: writes of any size (short ones when the buffer is
-// full), reads that leave the stream's writes waiting (EAGAIN), half and full hang-ups, small
-// buffers. Every call succeeds or fails with a documented error; the lines and characters read are
-// the peer's bytes in order (a failed ReadLine drops exactly its part-line); what the peer reads is the
-// stream's text in order until a failed Flush, whose text the next one sends again from its start.
-// (A Flush that finds the state of an earlier one still set does not wait, as documented, so a
-// successful Flush does not prove that its text has left.)
+// A TcpStream on the real PosixSocketControl over a socketpair whose far end the fuzzer plays in the
+// stream's pumps: documented errors only; reads give the peer's bytes in order (a failed ReadLine
+// drops just its part-line); the peer reads the stream's text in order until a failed Flush.
 // Input: operations, one byte each (kind in the top 3 bits, a size in the rest) with their bytes.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -95,8 +90,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    // The stream connects over loopback; then its descriptor is swapped for one end of a
-    // socketpair, before any pump can poll it.
+    // Connected over loopback, the descriptor becomes one end of a socketpair before any poll.
     std::shared_ptr<detail::PosixSocketControl> control;
     auto services = detail::HostKitGlobal().Services();
     services.SetSocketControlFactoryForTesting([&] {
@@ -116,21 +110,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     auto peer = std::make_shared<Peer>(pair[1]);
     services.Watch(std::weak_ptr<detail::TimerWatcher>(peer));
 
-    std::string written;         // the stream's text, in the code page
-    std::size_t flushed = 0;     // how much of it the last successful call handed over
-    bool resent = false;         // a failed flush keeps its text, which a retry sends again
-    std::size_t readAt = 0;      // where the next read must match the peer's bytes
-    std::string rest;            // once the control is gone: all the stream has yet to read
-    bool gone = false;
+    std::string written, rest;  // the stream's text; once the control is gone, all it has to read
+    std::size_t flushed = 0, readAt = 0;  // the text handed over; where reads match the peer's bytes
+    bool resent = false, gone = false;    // a failed flush's text is sent again by the next one
     auto reference = [&]() -> const std::string& { return gone ? rest : peer->sent; };
     auto matchRead = [&](const std::u16string& got) {
         const std::string bytes = detail::ToAnsi(got);
         assert(reference().compare(readAt, bytes.size(), bytes) == 0);
         readAt += bytes.size();
     };
-    // A failed ReadLine dropped the part-line it had taken (no CR LF in it); reading goes on where
-    // the unread characters begin. The stream has had all the peer sent but what still waits in
-    // its socket, since a read returns only after the pump that delivered every arrival.
+    // A failed ReadLine dropped a part-line (no CR LF); reading goes on where the unread begins,
+    // which is all the peer sent but what still waits in the socket.
     auto dropped = [&] {
         const std::string unread = detail::ToAnsi(detail::TcpStreamAccess::Unread(stream));
         int queued = 0;
@@ -144,8 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         assert(reference().substr(readAt, at - readAt).find("\r\n") == std::string::npos);
         readAt = at;
     };
-    // Reads flush first: a call that succeeds has handed over all the text, one that fails may
-    // leave it in the send buffer for a retry, which sends it again from its start.
+    // Reads flush first: success hands over all the text; a failure may leave it for a resend.
     auto attempt = [&](auto call) {
         try {
             call();

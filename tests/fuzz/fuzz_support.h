@@ -8,6 +8,7 @@
 #endif
 #include <cassert>
 #include <string>
+#include <vector>
 
 #include "platform/clock.h"
 
@@ -25,6 +26,15 @@ inline std::u16string CodeUnits(const uint8_t* data, std::size_t size) {
     std::u16string text;
     for (std::size_t i = 0; i + 1 < size; i += 2) text += char16_t(data[i] | data[i + 1] << 8);
     return text;
+}
+
+// The pieces of text between each `at` (one piece more than there are `at`s).
+template <class Char>
+std::vector<std::basic_string<Char>> Split(std::basic_string_view<Char> text, Char at) {
+    std::vector<std::basic_string<Char>> pieces;
+    for (std::size_t start = 0, end = 0; end != text.npos; start = end + 1)
+        pieces.emplace_back(text.substr(start, (end = text.find(at, start)) - start));
+    return pieces;
 }
 
 }  // namespace larkpost::fuzz
