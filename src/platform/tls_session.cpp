@@ -65,7 +65,7 @@ int SocketRead(BIO* bio, char* buffer, std::size_t size, std::size_t* read) {
     }
 }
 
-long SocketControl(BIO* bio, int command, long /*number*/, void* /*pointer*/) {
+long SocketBioControl(BIO* bio, int command, long /*number*/, void* /*pointer*/) {
     if (command == BIO_CTRL_FLUSH) return 1;  // every write goes straight to the socket
     if (command == BIO_CTRL_EOF) return EndOf(bio).endOfStream ? 1 : 0;
     return 0;
@@ -78,7 +78,7 @@ BIO_METHOD* SocketMethod() {
         BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "larkpost");
         BIO_meth_set_write_ex(made, SocketWrite);
         BIO_meth_set_read_ex(made, SocketRead);
-        BIO_meth_set_ctrl(made, SocketControl);
+        BIO_meth_set_ctrl(made, SocketBioControl);
         return made;
     }();
     return method;

@@ -10,19 +10,28 @@ namespace larkpost::detail {
 namespace {
 // What a dialogue watcher hears in place of a login token.
 constexpr char16_t kHiddenToken[] = u"(login token hidden)";
+
+// False when neither is given (no login); raises when only one is. `what` names the secret
+// ("a password"). Only the empty string counts as missing: a single space is a credential.
+bool WantsLogin(const std::u16string& user, const std::u16string& secret,
+                std::u16string_view what) {
+    if (user.empty() && secret.empty()) return false;
+    if (secret.empty()) {
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied a username, but you need " + std::u16string(what) + u" as well.",
+              kSourceMailClient);
+    }
+    if (user.empty()) {
+        Raise(ERROR_CREDENTIALS_INCOMPLETE,
+              u"You supplied " + std::u16string(what) + u", but you need a username as well.",
+              kSourceMailClient);
+    }
+    return true;
+}
 }  // namespace
 
 void MailClientImpl::Authenticate(const std::u16string& Username, const std::u16string& Password) {
-    // Only the empty string counts as missing: a single space is a credential.
-    if (Username.empty() && Password.empty()) return;
-    if (Password.empty()) {
-        Raise(ERROR_CREDENTIALS_INCOMPLETE,
-              u"You supplied a username, but you need a password as well.", kSourceMailClient);
-    }
-    if (Username.empty()) {
-        Raise(ERROR_CREDENTIALS_INCOMPLETE,
-              u"You supplied a password, but you need a username as well.", kSourceMailClient);
-    }
+    if (!WantsLogin(Username, Password, u"a password")) return;
 
     if (HasCapability(CAP_AUTH_LOGIN)) {
         AuthenticateLogin(Username, Password);
@@ -68,15 +77,7 @@ void MailClientImpl::AuthenticatePlain(const std::u16string& Username,
 
 void MailClientImpl::AuthenticateToken(const std::u16string& Username,
                                        const std::u16string& AccessToken) {
-    if (Username.empty() && AccessToken.empty()) return;
-    if (AccessToken.empty()) {
-        Raise(ERROR_CREDENTIALS_INCOMPLETE,
-              u"You supplied a username, but you need an access token as well.", kSourceMailClient);
-    }
-    if (Username.empty()) {
-        Raise(ERROR_CREDENTIALS_INCOMPLETE,
-              u"You supplied an access token, but you need a username as well.", kSourceMailClient);
-    }
+    if (!WantsLogin(Username, AccessToken, u"an access token")) return;
     if (!(m_extensionCapabilities & kCapAuthXOAuth2)) {
         Raise(ERROR_TOKEN_LOGIN_UNAVAILABLE, u"The mail server does not offer AUTH XOAUTH2.",
               kSourceMailClient);
