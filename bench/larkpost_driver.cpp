@@ -82,7 +82,7 @@ int Assemble(const bench::Args& args) {
     message->AttachFile(args.Text("attach"));
     std::size_t encodedBytes = 0;
     if (mode == "build") {
-        encodedBytes = MailMessageAccess::BuildMessage(*message).size();
+        encodedBytes = MailMessageAccess::BuildBytes(*message).size();
     } else {
         message->SaveToFile(args.Text("out"));
     }
@@ -114,7 +114,7 @@ std::unique_ptr<MailClient> OpenSession(const bench::Args& args) {
 int SendOne(const bench::Args& args) {
     auto message = NewMessage(bench::ReadFileBytes(args.Text("body")));
     message->AttachFile(args.Text("attach"));
-    const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();  // warms the cache
+    const std::size_t bytes = MailMessageAccess::BuildBytes(*message).size();  // warms the cache
     auto client = OpenSession(args);
 
     PauseMeter pauses(args.Has("pauses") && args.Text("pauses") == "skip");
@@ -144,7 +144,7 @@ std::string BodyForMessageSize(const std::string& body, std::size_t size) {
     while (low < high) {
         const std::size_t middle = (low + high + 1) / 2;
         auto probe = NewMessage(body.substr(0, middle));
-        if (MailMessageAccess::BuildMessage(*probe).size() <= size) {
+        if (MailMessageAccess::BuildBytes(*probe).size() <= size) {
             low = middle;
         } else {
             high = middle - 1;
@@ -157,7 +157,7 @@ int Session(const bench::Args& args) {
     std::string body = bench::ReadFileBytes(args.Text("body"));
     if (args.Has("size")) body = BodyForMessageSize(body, static_cast<std::size_t>(args.Number("size")));
     auto message = NewMessage(body);
-    const std::size_t bytes = MailMessageAccess::BuildMessage(*message).size();
+    const std::size_t bytes = MailMessageAccess::BuildBytes(*message).size();
     const long count = args.Number("count");
     auto client = OpenSession(args);
 

@@ -44,7 +44,7 @@ std::string Outcome(const std::function<void()>& call) {
     return "";
 }
 
-std::string Text(MailMessage& m) { return detail::ToAnsi(MailMessageAccess::BuildMessage(m)); }
+std::string Text(MailMessage& m) { return MailMessageAccess::BuildBytes(m); }
 
 // A message from ann to bob; given a length, its text has exactly that many characters.
 Message NewMessage(std::size_t length = 0) {

@@ -28,30 +28,31 @@ constexpr std::size_t kLineBytes = kLineCharacters / 4 * 3;  // 57
 // Lines encoded before each copy into the output (about 10 KB of buffer).
 constexpr std::size_t kChunkLines = 64;
 
-// The two output characters of every 12-bit value, packed so that one 32-bit store writes them
+// The two output characters of every 12-bit value, packed so that one 16-bit store writes them
 // in order: three input bytes become two lookups and two stores.
-constexpr std::array<uint32_t, 4096> MakePairTable() {
-    std::array<uint32_t, 4096> pairs{};
+constexpr std::array<uint16_t, 4096> MakePairTable() {
+    std::array<uint16_t, 4096> pairs{};
     for (uint32_t v = 0; v < 4096; ++v) {
         const uint32_t first = static_cast<unsigned char>(kAlphabet[v >> 6]);
         const uint32_t second = static_cast<unsigned char>(kAlphabet[v & 0x3F]);
-        pairs[v] = std::endian::native == std::endian::little ? (first | second << 16)
-                                                              : (first << 16 | second);
+        pairs[v] = static_cast<uint16_t>(std::endian::native == std::endian::little
+                                             ? (first | second << 8)
+                                             : (first << 8 | second));
     }
     return pairs;
 }
 
-constexpr std::array<uint32_t, 4096> kPairs = MakePairTable();
+constexpr std::array<uint16_t, 4096> kPairs = MakePairTable();
 
-inline void StorePairs(char16_t* dst, uint32_t bits24) {
-    const uint32_t high = kPairs[bits24 >> 12];
-    const uint32_t low = kPairs[bits24 & 0xFFF];
+inline void StorePairs(char* dst, uint32_t bits24) {
+    const uint16_t high = kPairs[bits24 >> 12];
+    const uint16_t low = kPairs[bits24 & 0xFFF];
     std::memcpy(dst, &high, sizeof high);
     std::memcpy(dst + 2, &low, sizeof low);
 }
 
 // Whole groups of three bytes, two groups a step.
-char16_t* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char16_t* dst) {
+char* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char* dst) {
     for (; groups >= 2; groups -= 2, src += 6, dst += 8) {
         const uint64_t bits48 = uint64_t{src[0]} << 40 | uint64_t{src[1]} << 32 |
                                 uint64_t{src[2]} << 24 | uint64_t{src[3]} << 16 |
@@ -68,10 +69,10 @@ char16_t* EncodeGroupsScalar(const unsigned char* src, std::size_t groups, char1
 
 #if LARKPOST_BASE64_X86
 // Four groups (12 bytes) to sixteen characters: one shuffle and two multiplies split the bytes
-// into 6-bit values, range arithmetic maps them to the alphabet, and they are widened to 16 bits.
+// into 6-bit values, and range arithmetic maps them to the alphabet.
 // `spread` picks the 12 bytes out of the 16 loaded.
 __attribute__((target("ssse3"))) inline void EncodeStepSsse3(__m128i loaded, __m128i spread,
-                                                             char16_t* dst) {
+                                                             char* dst) {
     const __m128i in = _mm_shuffle_epi8(loaded, spread);
     const __m128i high =
         _mm_mulhi_epu16(_mm_and_si128(in, _mm_set1_epi32(0x0FC0FC00)), _mm_set1_epi32(0x04000040));
@@ -87,17 +88,15 @@ __attribute__((target("ssse3"))) inline void EncodeStepSsse3(__m128i loaded, __m
         _mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
                       '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
     const __m128i ascii = _mm_add_epi8(_mm_shuffle_epi8(offsets, range), values);
-    const __m128i zero = _mm_setzero_si128();
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_unpacklo_epi8(ascii, zero));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 8), _mm_unpackhi_epi8(ascii, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), ascii);
 }
 
 // Every step loads 16 bytes, so no byte outside the groups is ever read: the first step uses the
 // first 12 of its load, every later one loads 4 bytes early and uses the last 12. The groups
 // left at the end are covered by one more step that overlaps the previous one and writes the
 // same characters again.
-__attribute__((target("ssse3"))) char16_t* EncodeGroupsSsse3(const unsigned char* src,
-                                                             std::size_t groups, char16_t* dst) {
+__attribute__((target("ssse3"))) char* EncodeGroupsSsse3(const unsigned char* src,
+                                                         std::size_t groups, char* dst) {
     if (groups < 6) return EncodeGroupsScalar(src, groups, dst);
     const __m128i first = _mm_set_epi8(10, 11, 9, 10, 7, 8, 6, 7, 4, 5, 3, 4, 1, 2, 0, 1);
     const __m128i later = _mm_add_epi8(first, _mm_set1_epi8(4));
@@ -114,7 +113,7 @@ __attribute__((target("ssse3"))) char16_t* EncodeGroupsSsse3(const unsigned char
 
 // The same with eight groups (24 bytes) a step, two 16-byte loads in the two lanes.
 __attribute__((target("avx2"))) inline void EncodeStepAvx2(__m256i loaded, __m256i spread,
-                                                           char16_t* dst) {
+                                                           char* dst) {
     const __m256i in = _mm256_shuffle_epi8(loaded, spread);
     const __m256i high = _mm256_mulhi_epu16(_mm256_and_si256(in, _mm256_set1_epi32(0x0FC0FC00)),
                                             _mm256_set1_epi32(0x04000040));
@@ -130,10 +129,7 @@ __attribute__((target("avx2"))) inline void EncodeStepAvx2(__m256i loaded, __m25
                          'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
                          '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
     const __m256i ascii = _mm256_add_epi8(_mm256_shuffle_epi8(offsets, range), values);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst),
-                        _mm256_cvtepu8_epi16(_mm256_castsi256_si128(ascii)));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 16),
-                        _mm256_cvtepu8_epi16(_mm256_extracti128_si256(ascii, 1)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), ascii);
 }
 
 __attribute__((target("avx2"))) inline __m256i LoadLanesAvx2(const unsigned char* src,
@@ -146,8 +142,8 @@ __attribute__((target("avx2"))) inline __m256i LoadLanesAvx2(const unsigned char
 
 // Loads as in the SSSE3 version: each lane reads the 16 bytes that end with its 12, except the
 // lower lane of the first step, which reads the 16 that start with them.
-__attribute__((target("avx2"))) char16_t* EncodeGroupsAvx2(const unsigned char* src,
-                                                           std::size_t groups, char16_t* dst) {
+__attribute__((target("avx2"))) char* EncodeGroupsAvx2(const unsigned char* src, std::size_t groups,
+                                                       char* dst) {
     if (groups < 10) return EncodeGroupsSsse3(src, groups, dst);
     const __m128i first = _mm_set_epi8(10, 11, 9, 10, 7, 8, 6, 7, 4, 5, 3, 4, 1, 2, 0, 1);
     const __m128i later = _mm_add_epi8(first, _mm_set1_epi8(4));
@@ -167,7 +163,7 @@ __attribute__((target("avx2"))) char16_t* EncodeGroupsAvx2(const unsigned char* 
 }
 #endif
 
-using GroupEncoder = char16_t* (*)(const unsigned char*, std::size_t, char16_t*);
+using GroupEncoder = char* (*)(const unsigned char*, std::size_t, char*);
 
 GroupEncoder KernelByName(std::string_view name) {
 #if LARKPOST_BASE64_X86
@@ -193,13 +189,46 @@ GroupEncoder CurrentKernel() {
 }
 
 // The last one or two bytes, padded to four characters.
-inline char16_t* EncodeTail(const unsigned char* src, std::size_t count, char16_t* dst) {
+inline char* EncodeTail(const unsigned char* src, std::size_t count, char* dst) {
     const uint32_t bits = uint32_t{src[0]} << 16 | (count == 2 ? uint32_t{src[1]} << 8 : 0u);
-    dst[0] = static_cast<char16_t>(kAlphabet[bits >> 18]);
-    dst[1] = static_cast<char16_t>(kAlphabet[(bits >> 12) & 0x3F]);
-    dst[2] = count == 2 ? static_cast<char16_t>(kAlphabet[(bits >> 6) & 0x3F]) : u'=';
-    dst[3] = u'=';
+    dst[0] = kAlphabet[bits >> 18];
+    dst[1] = kAlphabet[(bits >> 12) & 0x3F];
+    dst[2] = count == 2 ? kAlphabet[(bits >> 6) & 0x3F] : '=';
+    dst[3] = '=';
     return dst + 4;
+}
+
+// Encodes lines into a small buffer that stays in the cache and hands each full buffer to
+// append: the output is written once, with no zero-filling of it beforehand.
+template <class Append>
+void EncodeInChunks(std::string_view bytes, Append append) {
+    const GroupEncoder encodeGroups = CurrentKernel();
+    char chunk[kChunkLines * (kLineCharacters + 2)];
+    const auto* src = reinterpret_cast<const unsigned char*>(bytes.data());
+    std::size_t remaining = bytes.size();
+    while (remaining != 0) {
+        char* dst = chunk;
+        for (std::size_t line = 0; line < kChunkLines && remaining != 0; ++line) {
+            const std::size_t take = std::min(remaining, kLineBytes);
+            dst = encodeGroups(src, take / 3, dst);
+            if (take % 3 != 0)
+                dst = EncodeTail(src + take / 3 * 3, take % 3, dst);  // last line only
+            src += take;
+            remaining -= take;
+            if (remaining != 0) {  // no line end after the last line
+                dst[0] = '\r';
+                dst[1] = '\n';
+                dst += 2;
+            }
+        }
+        append(chunk, dst);
+    }
+}
+
+template <class Text>
+void ReserveFor(Text& out, std::size_t byteCount) {
+    const std::size_t needed = out.size() + Base64EncodedLength(byteCount);
+    if (needed > out.capacity()) out.reserve(std::max(needed, out.capacity() * 2));
 }
 
 }  // namespace
@@ -211,34 +240,14 @@ std::size_t Base64EncodedLength(std::size_t n) {
     return characters + 2 * (lines - 1);
 }
 
-void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out) {
-    if (bytes.empty()) return;
-    const std::size_t needed = out.size() + Base64EncodedLength(bytes.size());
-    if (needed > out.capacity()) out.reserve(std::max(needed, out.capacity() * 2));
+void Base64EncodeBytesTo(std::string_view bytes, std::string& out) {
+    ReserveFor(out, bytes.size());
+    EncodeInChunks(bytes, [&](const char* begin, const char* end) { out.append(begin, end); });
+}
 
-    // Lines are encoded into a small buffer that stays in the cache and then appended in one
-    // copy: the output is written once, with no zero-filling of it beforehand.
-    const GroupEncoder encodeGroups = CurrentKernel();
-    char16_t chunk[kChunkLines * (kLineCharacters + 2)];
-    const auto* src = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::size_t remaining = bytes.size();
-    while (remaining != 0) {
-        char16_t* dst = chunk;
-        for (std::size_t line = 0; line < kChunkLines && remaining != 0; ++line) {
-            const std::size_t take = std::min(remaining, kLineBytes);
-            dst = encodeGroups(src, take / 3, dst);
-            if (take % 3 != 0)
-                dst = EncodeTail(src + take / 3 * 3, take % 3, dst);  // last line only
-            src += take;
-            remaining -= take;
-            if (remaining != 0) {  // no line end after the last line
-                dst[0] = u'\r';
-                dst[1] = u'\n';
-                dst += 2;
-            }
-        }
-        out.append(chunk, static_cast<std::size_t>(dst - chunk));
-    }
+void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out) {
+    ReserveFor(out, bytes.size());
+    EncodeInChunks(bytes, [&](const char* begin, const char* end) { out.append(begin, end); });
 }
 
 bool SelectBase64KernelForTesting(std::string_view name) {

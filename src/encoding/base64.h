@@ -12,6 +12,7 @@ namespace larkpost::detail {
 // after the last line. Each character of text goes through the code page to one byte.
 std::u16string Base64Encode(std::u16string_view text);
 // Base64 of raw bytes, appended to out (the attachment path: file bytes go straight in).
+void Base64EncodeBytesTo(std::string_view bytes, std::string& out);
 void Base64EncodeBytesTo(std::string_view bytes, std::u16string& out);
 // Length of the Base64 text of n bytes, CR LFs included.
 std::size_t Base64EncodedLength(std::size_t n);

@@ -4,17 +4,14 @@
 #include <utility>
 
 #include "larkpost/error.h"
-#include "larkpost/string_builder.h"
 #include "larkpost/text.h"
 #include "message/attachment_search.h"
 #include "message/keyed_collection.h"
 #include "message/mail_message_impl.h"
 #include "message/message_assembly.h"
 #include "message/standard_assembly.h"
-#include "message/string_builder_impl.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
-#include "platform/impl_access.h"
 #include "platform/memory.h"
 
 namespace larkpost {
@@ -141,13 +138,12 @@ namespace {
 
 // One assembly of either format into a text reserved once.
 template <class Assembly>
-std::u16string Assemble(const detail::MessageFields& fields) {
+std::string Assemble(const detail::MessageFields& fields) {
     Assembly assembly(fields);
-    StringBuilder builder;
-    std::u16string& text = detail::ImplAccess::Of(builder).contents;
+    std::string text;
     try {
         text.reserve(assembly.Length());
-        detail::AdviseHugePages(text.data(), text.capacity() * sizeof(char16_t));
+        detail::AdviseHugePages(text.data(), text.capacity());
     } catch (const std::bad_alloc&) {
         // What cannot be held is the attached files' text, when there is any.
         if (assembly.HasAttachmentParts())
@@ -161,20 +157,20 @@ std::u16string Assemble(const detail::MessageFields& fields) {
         throw std::bad_alloc();
     }
     assembly.WriteTo(text);
-    return std::move(text);
+    return text;
 }
 
 }  // namespace
 
-std::shared_ptr<const std::u16string> detail::MailMessageImpl::BuildMessageText() {
+std::shared_ptr<const std::string> detail::MailMessageImpl::BuildMessageText() {
     if (!changed) return cachedMessage;
     try {
         const MessageFields fields{subjectLine,    fromAddress,  senderName,  body,
                                    bodyHTML,       mimeType,     *recipients, *ccRecipients,
                                    *bccRecipients, *attachments, addedHeaders};
-        cachedMessage = std::make_shared<const std::u16string>(
-            standardFormat ? Assemble<StandardAssembly>(fields)
-                           : Assemble<MessageAssembly>(fields));
+        cachedMessage =
+            std::make_shared<const std::string>(standardFormat ? Assemble<StandardAssembly>(fields)
+                                                               : Assemble<MessageAssembly>(fields));
     } catch (const std::bad_alloc&) {
         RaiseFileError(ERROR_OUT_OF_MEMORY, kSourceMailMessage);
     }

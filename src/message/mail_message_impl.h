@@ -25,13 +25,15 @@ struct MailMessageImpl {
     std::shared_ptr<KeyedCollection> attachments = std::make_shared<KeyedCollection>();
     std::vector<std::pair<std::u16string, std::u16string>> addedHeaders;
     bool standardFormat = false;
-    std::shared_ptr<const std::u16string> cachedMessage = std::make_shared<const std::u16string>();
+    // The text of the last assembly in the code page, one byte a character: the bytes the socket
+    // and the file writer take, so neither converts or copies it.
+    std::shared_ptr<const std::string> cachedMessage = std::make_shared<const std::string>();
     bool changed = false;
 
     // The whole message text, from the cache while nothing has changed since the last build.
-    const std::u16string& BuildMessage() { return *BuildMessageText(); }
+    const std::string& BuildMessage() { return *BuildMessageText(); }
     // The same text, shared: a holder keeps it alive even when the message is rebuilt meanwhile.
-    std::shared_ptr<const std::u16string> BuildMessageText();
+    std::shared_ptr<const std::string> BuildMessageText();
 
     void AddTo(KeyedCollection& list, const std::u16string& Recipient);
     void RemoveFrom(KeyedCollection& list, const std::u16string& Recipient);

@@ -1,34 +1,15 @@
 // MailMessage.SaveToFile: the message text, in code-page bytes, as the whole content of a file.
-#include <algorithm>
 #include <string>
 
 #include "larkpost/error.h"
 #include "larkpost/mail_message.h"
 #include "larkpost/text.h"
 #include "message/mail_message_impl.h"
-#include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
 #include "platform/files.h"
 
 namespace larkpost {
-
-namespace {
-
-// Characters converted and written at a time, so the bytes of a large text never exist whole.
-constexpr std::size_t kWriteChunk = 64 * 1024;
-
-void WriteText(detail::PlatformFile& file, std::u16string_view text) {
-    std::string bytes;
-    bytes.reserve(std::min(text.size(), kWriteChunk));
-    for (std::size_t at = 0; at < text.size(); at += kWriteChunk) {
-        bytes.clear();
-        detail::AppendAnsi(bytes, text.substr(at, kWriteChunk));
-        file.WriteAll(bytes);
-    }
-}
-
-}  // namespace
 
 void MailMessage::SaveToFile(const std::u16string& FileSpec) {
     try {
@@ -40,14 +21,14 @@ void MailMessage::SaveToFile(const std::u16string& FileSpec) {
         // Opened before the build and not truncated, so a failed build leaves the file as it was.
         auto file = detail::PlatformFile::OpenForWriting(std::move(*nativePath),
                                                          detail::kSourceMailMessage);
-        const std::u16string& text = m_impl->BuildMessage();
+        const std::string& text = m_impl->BuildMessage();
         // A regular file gets its new text whole or keeps its old one: the text goes to a new
         // file beside it, which takes its place once complete.
         if (auto replacement = file.CreateReplacement()) {
-            WriteText(*replacement, text);
+            replacement->WriteAll(text);
             file.ReplaceWith(std::move(*replacement));
         } else {
-            WriteText(file, text);
+            file.WriteAll(text);
             // Whatever an older, longer content left behind the new text goes.
             file.TruncateIfRegular(text.size());
         }

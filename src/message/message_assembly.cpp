@@ -9,6 +9,7 @@
 #include "encoding/file_extension.h"
 #include "encoding/quoted_printable.h"
 #include "larkpost/error.h"
+#include "platform/codepage.h"
 #include "platform/errors.h"
 #include "platform/file_errors.h"
 #include "platform/files.h"
@@ -25,8 +26,8 @@ struct CountingSink {
 };
 
 struct AppendingSink {
-    std::u16string& out;
-    void operator()(std::u16string_view text) { out.append(text); }
+    std::string& out;
+    void operator()(std::u16string_view text) { AppendAnsi(out, text); }
 };
 
 std::u16string Decimal(std::uint64_t n) {
@@ -281,7 +282,7 @@ std::size_t MessageAssembly::Length() const {
     return counter.length;
 }
 
-void MessageAssembly::WriteTo(std::u16string& out) const {
+void MessageAssembly::WriteTo(std::string& out) const {
     AppendingSink sink{out};
     WriteHead(sink);
     for (const auto& attachment : m_attachments) {
@@ -298,7 +299,7 @@ std::uint64_t AttachedFileSize(const std::u16string& path) {
     return size;
 }
 
-void AppendAttachedFile(const std::u16string& path, std::u16string& out, bool skipEmpty,
+void AppendAttachedFile(const std::u16string& path, std::string& out, bool skipEmpty,
                         const std::function<void(std::uint64_t)>& writeHead) {
     // Files are read and encoded a piece at a time, so no file is ever held whole. A piece is
     // whole Base64 lines, and the texts of two pieces join with the line end between them.
@@ -317,7 +318,7 @@ void AppendAttachedFile(const std::u16string& path, std::u16string& out, bool sk
             if (file.Read(piece.data(), want) != want)
                 Raise(ERROR_PATH_FILE_ACCESS, u"The file changed while it was read.",
                       kSourceMailMessage);
-            if (left != size) out.append(u"\r\n");
+            if (left != size) out.append("\r\n");
             Base64EncodeBytesTo(std::string_view(piece.data(), want), out);
             left -= want;
         }

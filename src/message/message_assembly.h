@@ -31,7 +31,8 @@ struct MessageFields {
 
 // One assembly. The constructor does all that can be known before writing: it makes the two
 // boundaries, encodes the bodies and measures every attached file, so that the text can be
-// written into one reservation of Length() characters. An attached file that cannot be reached
+// written into one reservation of Length() characters. The text is written in the code page,
+// one byte a character, as the socket and the file writer take it. An attached file that cannot be reached
 // raises ERROR_ATTACHMENT_FAILED, here or in WriteTo.
 class MessageAssembly {
 public:
@@ -41,7 +42,7 @@ public:
     std::size_t Length() const;
     bool HasAttachmentParts() const { return !m_attachments.empty(); }
     // Appends the text to out, reading the attached files one at a time.
-    void WriteTo(std::u16string& out) const;
+    void WriteTo(std::string& out) const;
 
 private:
     struct Attachment {
@@ -74,7 +75,7 @@ std::u16string GetStandardContentType(std::u16string_view fileName);
 std::uint64_t AttachedFileSize(const std::u16string& path);
 // Opens an attached file again and appends writeHead(its size now) and its Base64 text, read a
 // piece at a time; a file that is empty at this opening gets nothing when skipEmpty.
-void AppendAttachedFile(const std::u16string& path, std::u16string& out, bool skipEmpty,
+void AppendAttachedFile(const std::u16string& path, std::string& out, bool skipEmpty,
                         const std::function<void(std::uint64_t)>& writeHead);
 
 // Raises ERROR_ATTACHMENT_FAILED for a failure of the attachment loop; path is null when the

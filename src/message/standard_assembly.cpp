@@ -11,6 +11,7 @@
 #include "encoding/text_body.h"
 #include "larkpost/error.h"
 #include "platform/clock.h"
+#include "platform/codepage.h"
 #include "platform/errors.h"
 
 namespace larkpost::detail {
@@ -156,7 +157,8 @@ std::u16string MessageHeader(const MessageFields& fields) {
     HeaderLine from(u"From");
     if (!fields.senderName.empty()) {
         from.Phrase(fields.senderName);
-        from.Atom(u"<" + std::u16string(TrimSpaces(fields.fromAddress)) + u">");
+        std::u16string address = u"<";
+        from.Atom(address.append(TrimSpaces(fields.fromAddress)).append(u">"));
     } else {
         from.Atom(TrimSpaces(fields.fromAddress));
     }
@@ -249,12 +251,12 @@ std::size_t StandardAssembly::Length() const {
     return length;
 }
 
-void StandardAssembly::WriteTo(std::u16string& out) const {
-    for (const auto& piece : m_head) out += piece;
+void StandardAssembly::WriteTo(std::string& out) const {
+    for (const auto& piece : m_head) AppendAnsi(out, piece);
     for (const auto& attachment : m_attachments)
         AppendAttachedFile(*attachment.path, out, false,
-                           [&](std::uint64_t) { out += attachment.head; });
-    out += m_tail;
+                           [&](std::uint64_t) { AppendAnsi(out, attachment.head); });
+    AppendAnsi(out, m_tail);
 }
 
 }  // namespace larkpost::detail

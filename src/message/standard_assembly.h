@@ -22,8 +22,9 @@ public:
     // Length of the text, exact unless an attached file changes before WriteTo.
     std::size_t Length() const;
     bool HasAttachmentParts() const { return !m_attachments.empty(); }
-    // Appends the text to out, reading the attached files one at a time.
-    void WriteTo(std::u16string& out) const;
+    // Appends the text to out (ASCII, so one byte a character), reading the attached files one
+    // at a time.
+    void WriteTo(std::string& out) const;
 
 private:
     struct Attachment {

@@ -31,10 +31,6 @@ constexpr char16_t kClosedBeforeConnected[] =
 constexpr char16_t kClosedByServer[] = u"The server closed the connection.";
 constexpr int32_t kTickMilliseconds = 1000;
 constexpr int32_t kTimeoutAfterConnect = 60;
-// A send buffer that held more than this gives its memory back once it has gone out, so a
-// stream that sent one large message does not keep its size for the rest of its life.
-constexpr std::size_t kKeptSendCapacity = 64 * 1024;
-
 // Pumps until done() holds, sleeping in poll while nothing is pending. False when nothing on
 // this thread can ever deliver an event again, so waiting longer would never end.
 template <typename Done>
@@ -164,7 +160,7 @@ std::u16string TcpStreamImpl::LocalHostName() {
 
 void TcpStreamImpl::StartTls(bool VerifyCertificate, const std::u16string& CaFile) {
     RequireOwnThread();
-    if (!m_sendBuffer.empty()) Flush();
+    if (!m_sendBuffer.Empty()) Flush();
     if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     TlsOptions options;
@@ -244,8 +240,7 @@ void TcpStreamImpl::ReleaseSocket() noexcept {
 }
 
 void TcpStreamImpl::DiscardLeftovers() {
-    m_sendBuffer.clear();
-    if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
+    m_sendBuffer.Clear();
     m_receiveBuffer.Clear();
     m_lastArrivalBytes = 0;
     m_errorPending = false;
@@ -380,30 +375,28 @@ bool TcpStreamImpl::WithTicker(Waiting kind, int32_t ticks, Wait wait) {
 
 void TcpStreamImpl::Send(std::u16string_view Data) {
     RequireOwnThread();
-    const std::size_t needed = m_sendBuffer.size() + Data.size();
-    if (needed > m_sendBuffer.capacity()) {
-        // Geometric growth keeps appends amortised O(1); a large buffer asks for huge pages so
-        // that filling fresh memory does not cost a page fault every 4 KiB.
-        m_sendBuffer.reserve(std::max(needed, 2 * m_sendBuffer.capacity()));
-        AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
-    }
-    AppendAnsi(m_sendBuffer, Data);
+    m_sendBuffer.Append(Data);
 }
 
 void TcpStreamImpl::SendLine(std::u16string_view Data) {
     Send(Data);
-    m_sendBuffer += "\r\n";
+    m_sendBuffer.AppendBytes("\r\n");
+}
+
+void TcpStreamImpl::SendShared(std::string_view bytes, std::shared_ptr<const void> holder) {
+    RequireOwnThread();
+    m_sendBuffer.AppendShared(bytes, std::move(holder));
 }
 
 void TcpStreamImpl::Flush() {
     RequireOwnThread();
-    if (m_sendBuffer.empty()) return;
+    if (m_sendBuffer.Empty()) return;
     m_lastArrivalBytes = 0;
     if (PeerClosed()) RaiseClosedByServer();
     if (!m_socket || m_socket->State() != sckConnected)
         Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
-    m_socket->SendData(m_sendBuffer);
-    m_flushSize = m_sendBuffer.size();
+    m_socket->SendSlices(m_sendBuffer.Slices());
+    m_flushSize = m_sendBuffer.Size();
     // A server that stops reading would hold the write for ever: the ticker ends the wait once
     // the write has made no progress for the time limit and a tick, as it ends a silent read.
     const bool sent =
@@ -413,8 +406,7 @@ void TcpStreamImpl::Flush() {
     if (!sent) Raise(ERROR_NOT_CONNECTED, kNotConnected, kSourceTcpStream);
     if (m_writeWatcher)
         m_writeWatcher(static_cast<int64_t>(m_flushSize), static_cast<int64_t>(m_flushSize));
-    m_sendBuffer.clear();
-    if (m_sendBuffer.capacity() > kKeptSendCapacity) std::string().swap(m_sendBuffer);
+    m_sendBuffer.Clear();
 }
 
 // ---- Reading ----
@@ -432,7 +424,7 @@ bool TcpStreamImpl::PeerClosed() const {
 
 void TcpStreamImpl::AwaitUnread(std::size_t seen) {
     RequireOwnThread();
-    if (!m_sendBuffer.empty()) Flush();
+    if (!m_sendBuffer.Empty()) Flush();
     bool stuck = false;
     if (m_receiveBuffer.Size() <= seen) {
         // Before the first Connect there is no control that could ever deliver anything.
@@ -502,7 +494,7 @@ void TcpStreamImpl::ReadLineTo(ByteQueue& out) { m_receiveBuffer.MoveTo(out, Awa
 
 bool TcpStreamImpl::AtEndOfStream() {
     RequireOwnThread();
-    if (!m_sendBuffer.empty()) Flush();
+    if (!m_sendBuffer.Empty()) Flush();
     const bool atEnd = m_receiveBuffer.Empty() && m_lastArrivalBytes > 0;
     SetState(STATE_CONNECTED);
     return atEnd;
@@ -512,11 +504,6 @@ std::u16string TcpStreamImpl::ReadToEnd() {
     std::u16string result;
     while (!AtEndOfStream()) result += ReadLine();
     return result;
-}
-
-void TcpStreamImpl::ReserveSend(std::size_t count) {
-    m_sendBuffer.reserve(m_sendBuffer.size() + count);
-    AdviseHugePages(m_sendBuffer.data(), m_sendBuffer.capacity());
 }
 
 }  // namespace larkpost::detail

@@ -15,6 +15,7 @@
 
 #include "larkpost/tcp_stream.h"
 #include "net/byte_queue.h"
+#include "net/send_buffer.h"
 #include "platform/socket_control.h"
 #include "platform/ticker.h"
 
@@ -45,9 +46,9 @@ public:
 
     // For the client: the address of the local end, empty when there is no control.
     std::u16string LocalIP() const { return m_socket ? m_socket->LocalIP() : std::u16string(); }
-    // Makes room for count more bytes of unsent text at once, so a whole message handed over in
-    // slices is copied into the buffer once and never moved while it grows.
-    void ReserveSend(std::size_t count);
+    // Send for text already in the code page that holder keeps alive: it goes out from where
+    // it is, without a copy.
+    void SendShared(std::string_view bytes, std::shared_ptr<const void> holder);
     // ReadLine for the client: the line and its CR LF go to the end of out, in the code page.
     void ReadLineTo(ByteQueue& out);
 
@@ -119,8 +120,7 @@ private:
     // Where GetBytes puts an arrival: a large one becomes a piece of the buffer as it is, a
     // small one is copied and the string keeps its capacity for the next.
     std::string m_arrival;
-    // Unsent text, kept already in the code page it goes out in.
-    std::string m_sendBuffer;
+    SendBuffer m_sendBuffer;
     int32_t m_lastArrivalBytes = 0;
     int32_t m_ticksLeft = 0;
     Waiting m_waiting = Waiting::Read;

@@ -238,28 +238,38 @@ void PosixSocketControl::Close() {
     m_addresses.clear();
     m_received.clear();
     m_receivedOffset = 0;
-    m_outgoing.clear();
-    m_outgoingOffset = 0;
+    m_outgoing.Clear();
     m_sendEnds.clear();
     m_eventToken = std::make_shared<char>();  // the events still queued expire with the old one
 }
 
 void PosixSocketControl::SendData(std::string_view bytes) {
+    const SendSlice slice{bytes, nullptr};
+    SendSlices({&slice, 1});
+}
+
+void PosixSocketControl::SendSlices(std::span<const SendSlice> slices) {
     if (m_state != sckConnected && m_state != sckClosing) RaiseSocket(sckBadState);
 
-    m_bytesAccepted += bytes.size();
+    std::size_t total = 0;
+    for (const SendSlice& slice : slices) total += slice.bytes.size();
+    m_bytesAccepted += total;
     m_sendEnds.push_back(m_bytesAccepted);
-    if (m_handshaking || m_outgoingOffset < m_outgoing.size()) {
-        m_outgoing.append(bytes);  // behind what already waits, to keep the order
-        return;
-    }
-    // One write of everything; only what the kernel does not take now is copied.
+    // Behind what already waits, to keep the order; otherwise one write of everything first.
     std::size_t taken = 0;
-    if (!WriteSome(bytes.data(), bytes.size(), taken)) return;
-    m_bytesSent += taken;
-    m_outgoing.assign(bytes.substr(taken));
-    m_outgoingOffset = 0;
-    CompleteSends();
+    const bool writeNow = !m_handshaking && m_outgoing.Empty();
+    if (writeNow) {
+        m_vectors.clear();
+        for (const SendSlice& slice : slices)
+            m_vectors.push_back({const_cast<char*>(slice.bytes.data()), slice.bytes.size()});
+        if (!WriteSome(m_vectors, taken)) return;
+        m_bytesSent += taken;
+    }
+    for (const SendSlice& slice : slices) {
+        m_outgoing.Push(slice, std::min(taken, slice.bytes.size()));
+        taken -= std::min(taken, slice.bytes.size());
+    }
+    if (writeNow) CompleteSends();
 }
 
 void PosixSocketControl::GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) {
@@ -288,8 +298,7 @@ void PosixSocketControl::GetBytes(std::string& Data, int32_t MaxLen) {
 }
 
 void PosixSocketControl::StartTls(const TlsOptions& options) {
-    if (m_state != sckConnected || m_tls || m_outgoingOffset < m_outgoing.size())
-        RaiseSocket(sckBadState);
+    if (m_state != sckConnected || m_tls || !m_outgoing.Empty()) RaiseSocket(sckBadState);
     TlsOptions settings = options;
     if (settings.hostName.empty()) settings.hostName = m_hostName;
     char byte = 0;
@@ -352,7 +361,7 @@ short PosixSocketControl::PollEvents() const {
     if (m_handshaking) return m_handshakeWaitsFor;
     short events = 0;
     if (m_reading || m_writeWantsRead) events |= POLLIN;
-    const bool writing = m_outgoingOffset < m_outgoing.size() && !m_writeWantsRead;
+    const bool writing = !m_outgoing.Empty() && !m_writeWantsRead;
     if (writing || m_readWantsWrite) events |= POLLOUT;
     return events;
 }
@@ -370,8 +379,7 @@ void PosixSocketControl::OnReady(short revents) {
     const bool readable = (revents & (POLLIN | trouble)) != 0;
     const bool writable = (revents & (POLLOUT | trouble)) != 0;
     if (m_reading && (m_readWantsWrite ? writable : readable)) ReadOnce();
-    if (m_fd >= 0 && m_outgoingOffset < m_outgoing.size() &&
-        (m_writeWantsRead ? readable : writable)) {
+    if (m_fd >= 0 && !m_outgoing.Empty() && (m_writeWantsRead ? readable : writable)) {
         WriteQueued();
     }
 }
@@ -438,59 +446,66 @@ void PosixSocketControl::PeerClosed() {
     Post([](SocketControlEvents& sink) { sink.Close(); });
 }
 
-bool PosixSocketControl::WriteSome(const char* data, std::size_t size, std::size_t& taken) {
+bool PosixSocketControl::WriteSome(const std::vector<iovec>& vectors, std::size_t& taken) {
     taken = 0;
     if (m_tls) {
         m_writeWantsRead = false;
         // Each call takes whole records; go on until the socket is full.
-        while (taken < size) {
-            std::size_t count = 0;
-            const TlsSession::Io io = m_tls->Write(data + taken, size - taken, count);
-            if (io == TlsSession::Io::Done) {
-                taken += count;
-            } else if (io == TlsSession::Io::WantRead || io == TlsSession::Io::WantWrite) {
-                m_writeWantsRead = io == TlsSession::Io::WantRead;
-                return true;
-            } else {
-                FailTls(m_tls->Failure());
-                return false;
+        for (const iovec& vector : vectors) {
+            const auto* data = static_cast<const char*>(vector.iov_base);
+            for (std::size_t done = 0; done < vector.iov_len;) {
+                std::size_t count = 0;
+                const TlsSession::Io io = m_tls->Write(data + done, vector.iov_len - done, count);
+                if (io == TlsSession::Io::Done) {
+                    done += count;
+                    taken += count;
+                } else if (io == TlsSession::Io::WantRead || io == TlsSession::Io::WantWrite) {
+                    m_writeWantsRead = io == TlsSession::Io::WantRead;
+                    return true;
+                } else {
+                    FailTls(m_tls->Failure());
+                    return false;
+                }
             }
         }
         return true;
     }
-    for (;;) {
-        const ssize_t sent = send(m_fd, data, size, MSG_NOSIGNAL);
-        if (sent >= 0) {
-            taken = static_cast<std::size_t>(sent);
-            return true;
+    // As many vectors as one call takes; the next batch only when the kernel took them all.
+    for (std::size_t first = 0;;) {
+        const std::size_t count = std::min<std::size_t>(vectors.size() - first, IOV_MAX);
+        msghdr message{};
+        message.msg_iov = const_cast<iovec*>(vectors.data() + first);
+        message.msg_iovlen = count;
+        const ssize_t sent = sendmsg(m_fd, &message, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+            Fail(SocketFailureFromErrno(errno));
+            return false;
         }
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
-        Fail(SocketFailureFromErrno(errno));
-        return false;
+        taken += static_cast<std::size_t>(sent);
+        std::size_t offered = 0;
+        for (std::size_t i = first; i < first + count; ++i) offered += vectors[i].iov_len;
+        first += count;
+        if (static_cast<std::size_t>(sent) < offered || first >= vectors.size()) return true;
     }
 }
 
 void PosixSocketControl::WriteQueued() {
     const uint64_t before = m_bytesSent;
-    while (m_outgoingOffset < m_outgoing.size()) {
+    while (!m_outgoing.Empty()) {
         std::size_t taken = 0;
-        if (!WriteSome(m_outgoing.data() + m_outgoingOffset, m_outgoing.size() - m_outgoingOffset,
-                       taken))
-            return;
+        m_outgoing.Gather(m_vectors);
+        if (!WriteSome(m_vectors, taken)) return;
         if (taken == 0) break;
-        m_outgoingOffset += taken;
+        m_outgoing.Consume(taken);
         m_bytesSent += taken;
     }
-    if (m_outgoingOffset == m_outgoing.size()) {
-        m_outgoing.clear();
-        m_outgoingOffset = 0;
-    } else if (m_bytesSent != before) {
+    if (!m_outgoing.Empty() && m_bytesSent != before) {
         const auto clamp = [](uint64_t n) {
             return static_cast<int32_t>(std::min<uint64_t>(n, INT32_MAX));
         };
-        const int32_t sent = clamp(m_bytesSent),
-                      remaining = clamp(m_outgoing.size() - m_outgoingOffset);
+        const int32_t sent = clamp(m_bytesSent), remaining = clamp(m_outgoing.Size());
         Post([sent, remaining](SocketControlEvents& sink) { sink.SendProgress(sent, remaining); });
     }
     CompleteSends();
@@ -509,8 +524,7 @@ void PosixSocketControl::Abandon() {
     m_state = sckError;
     m_reading = false;
     m_addresses.clear();
-    m_outgoing.clear();
-    m_outgoingOffset = 0;
+    m_outgoing.Clear();
     m_sendEnds.clear();
 }
 

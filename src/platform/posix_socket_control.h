@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/event_loop.h"
+#include "platform/outgoing_queue.h"
 #include "platform/socket_control.h"
 #include "platform/socket_errors.h"
 #include "platform/tls_session.h"
@@ -49,6 +50,9 @@ public:
     void Close() override;
     // Throws sckBadState unless connected (or the peer has closed and we may still send).
     void SendData(std::string_view bytes) override;
+    // One gathered write of all the slices; only what the kernel does not take at once is
+    // queued, the slices with a holder as views.
+    void SendSlices(std::span<const SendSlice> slices) override;
     // MaxLen <= 0 takes everything queued. Throws sckInvalidArg for a Type other than vbString.
     void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) override;
     // Throws sckBadState unless connected with nothing waiting to be sent and TLS not started.
@@ -90,8 +94,9 @@ private:
     void ReadTls();
     void PeerClosed();
     void ContinueHandshake();
-    // Writes what the connection takes now into taken; false when it failed (Fail has run).
-    bool WriteSome(const char* data, std::size_t size, std::size_t& taken);
+    // Writes what the connection takes now of the vectors, in order, into taken; false when it
+    // failed (Fail has run).
+    bool WriteSome(const std::vector<iovec>& vectors, std::size_t& taken);
     void WriteQueued();
     void CompleteSends();
     void Fail(const SocketFailure& failure);
@@ -125,8 +130,8 @@ private:
     std::string m_received;  // bytes from m_receivedOffset on wait for GetData
     std::size_t m_receivedOffset = 0;
 
-    std::string m_outgoing;  // bytes from m_outgoingOffset on wait for POLLOUT
-    std::size_t m_outgoingOffset = 0;
+    OutgoingQueue m_outgoing;     // waits for POLLOUT
+    std::vector<iovec> m_vectors;  // reused for every write
     uint64_t m_bytesAccepted = 0;     // by SendData, over the connection's life
     uint64_t m_bytesSent = 0;         // taken by the kernel
     std::deque<uint64_t> m_sendEnds;  // m_bytesAccepted after each SendData not yet complete

@@ -8,6 +8,8 @@
 #define LARKPOST_PLATFORM_SOCKET_CONTROL_H
 
 #include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,6 +32,13 @@ inline constexpr int16_t sckError = 9;
 
 // GetData type for text.
 inline constexpr int32_t vbString = 8;
+
+// A run of bytes for SendSlices. With a holder, the bytes stay alive and unchanged for as long
+// as the holder is kept, so a control may keep a view of them instead of a copy.
+struct SendSlice {
+    std::string_view bytes;
+    std::shared_ptr<const void> holder;
+};
 
 class SocketControlEvents {
 public:
@@ -69,6 +78,10 @@ public:
     // they have gone, Error if they cannot. Each call is one write to the socket where the
     // kernel takes it all.
     virtual void SendData(std::string_view bytes) = 0;
+    // SendData of the slices' bytes, in order, as one text: one write, one SendComplete. This
+    // one joins them; a control that can write them as they are keeps views of those with a
+    // holder and copies only the rest.
+    virtual void SendSlices(std::span<const SendSlice> slices);
     // Up to MaxLen received bytes as text (each byte one character), removed from the queue.
     virtual void GetData(std::u16string& Data, int32_t Type, int32_t MaxLen) = 0;
     // Starts TLS as the client on the open connection; exactly one outcome follows, TlsStarted

@@ -84,8 +84,11 @@ private:
     void AuthenticateLogin(const std::u16string& Username, const std::u16string& Password);
     void AuthenticatePlain(const std::u16string& Username, const std::u16string& Password);
     void AuthenticateToken(const std::u16string& Username, const std::u16string& AccessToken);
-    bool TransferText(const std::shared_ptr<MailMessage>& message, std::u16string_view text);
-    void SendRawStuffed(std::u16string_view slice, bool atLineStart);
+    // The built text goes out in slices, each a view of text (which it keeps alive), not a copy.
+    using BuiltText = std::shared_ptr<const std::string>;
+    bool TransferText(const std::shared_ptr<MailMessage>& message, const BuiltText& text);
+    void SendTextSlice(std::string_view slice, const BuiltText& text);
+    void SendTextSliceStuffed(std::string_view slice, bool atLineStart, const BuiltText& text);
     SmtpResponse EndData(std::size_t textLength);
     // The next reply line, with its CR LF, onto the end of lines; shown to the dialogue watcher.
     void ReadReplyLine(ByteQueue& lines);

@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t kReplyLineLimit = 64 * 1024;
 constexpr std::size_t kReplyLimit = 1024 * 1024;
 
-bool IsLineEnd(char16_t c) { return c == u'\r' || c == u'\n'; }
+bool IsLineEnd(char c) { return c == '\r' || c == '\n'; }
 
 }  // namespace
 
@@ -37,15 +37,16 @@ void MailClientImpl::ApplyStreamLimits(int32_t timeout) {
 
 // A "." that begins a line goes out doubled (RFC 5321, section 4.5.2), so that no text can end
 // the data early. A bare CR or LF counts as a line end too, as lenient servers take it for one.
-void MailClientImpl::SendRawStuffed(std::u16string_view slice, bool atLineStart) {
+void MailClientImpl::SendTextSliceStuffed(std::string_view slice, bool atLineStart,
+                                          const BuiltText& text) {
     std::size_t from = 0;
-    for (std::size_t dot = slice.find(u'.'); dot != std::u16string_view::npos;
-         dot = slice.find(u'.', dot + 1)) {
+    for (std::size_t dot = slice.find('.'); dot != std::string_view::npos;
+         dot = slice.find('.', dot + 1)) {
         if (dot == 0 ? !atLineStart : !IsLineEnd(slice[dot - 1])) continue;
-        SendRaw(slice.substr(from, dot + 1 - from));
+        SendTextSlice(slice.substr(from, dot + 1 - from), text);
         from = dot;  // the same "." begins the next piece: it goes out twice
     }
-    SendRaw(slice.substr(from));
+    SendTextSlice(slice.substr(from), text);
 }
 
 SmtpResponse MailClientImpl::EndData(std::size_t textLength) {

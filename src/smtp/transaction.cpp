@@ -37,7 +37,7 @@ void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
 
     // Held for the whole transfer: a progress handler that rebuilds the message (SaveToFile
     // after a change) replaces the message's text, not the one being sent.
-    const std::shared_ptr<const std::u16string> built = parts.BuildMessageText();
+    const BuiltText built = parts.BuildMessageText();
     // A SIZE of 0 announces no fixed limit (RFC 1870), so it is not a limit of 0 characters.
     if (HasCapability(CAP_SIZE) && m_maxMessageSize > 0 &&
         built->size() > static_cast<std::size_t>(m_maxMessageSize)) {
@@ -47,7 +47,7 @@ void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
         RaiseRuntime(ERROR_OVERFLOW, kSourceMailClient);
     }
 
-    const std::u16string_view text = *built;
+    const std::size_t length = built->size();
 
     std::vector<std::u16string> recipients;
     AppendAll(recipients, *parts.recipients);
@@ -65,28 +65,31 @@ void MailClientImpl::Send(const std::shared_ptr<MailMessage>& message) {
         SendCommandChecked(u"RCPT TO: <" + recipient + u">");
     SendCommandChecked(u"DATA");
 
-    // The slices and the terminating line will sit in the send buffer together.
-    ImplAccess::Of(m_stream).ReserveSend(text.size() + 5);
-    if (!TransferText(message, text)) return;
+    if (!TransferText(message, built)) return;
 
     // The read of the reply writes the whole text in one go; only strict delivery judges it.
-    EndData(text.size());
+    EndData(length);
+}
+
+void MailClientImpl::SendTextSlice(std::string_view slice, const BuiltText& text) {
+    ImplAccess::Of(m_stream).SendShared(slice, text);
 }
 
 bool MailClientImpl::TransferText(const std::shared_ptr<MailMessage>& message,
-                                  std::u16string_view text) {
+                                  const BuiltText& built) {
+    const std::string_view text = *built;
     const uint64_t connection = m_connectionEpoch;
     const uint64_t transaction = m_transactionEpoch;
     const auto totalBytes = static_cast<int32_t>(text.size());
     int32_t bytesSent = 0;
     for (std::size_t start = 0; start < text.size(); start += kSliceLength) {
         if (start % kPausePeriod == 0 && m_pauseMilliseconds > 0) Sleep(m_pauseMilliseconds);
-        const std::u16string_view slice = text.substr(start, kSliceLength);
+        const std::string_view slice = text.substr(start, kSliceLength);
         if (m_strict) {
-            SendRawStuffed(slice,
-                           start == 0 || text[start - 1] == u'\r' || text[start - 1] == u'\n');
+            SendTextSliceStuffed(
+                slice, start == 0 || text[start - 1] == '\r' || text[start - 1] == '\n', built);
         } else {
-            SendRaw(slice);
+            SendTextSlice(slice, built);
         }
         bytesSent += static_cast<int32_t>(slice.size());
 

@@ -155,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     message->AddCCRecipient("cc@example.org");
     message->SubjectLine("fuzz");
     message->Body(longText ? std::string(3000, 'x') : std::string("short"));
-    const std::size_t textLength = detail::MailMessageAccess::BuildMessage(*message).size();
+    const std::size_t textLength = detail::MailMessageAccess::BuildBytes(*message).size();
     auto canceler = std::make_shared<Canceler>();
     canceler->client = &client;
     canceler->at = cancelAt;

@@ -4,6 +4,7 @@
 
 #include "larkpost/mail_message.h"
 #include "message/mail_message_impl.h"
+#include "platform/codepage.h"
 #include "platform/impl_access.h"
 
 namespace larkpost::detail {
@@ -14,11 +15,13 @@ struct MailMessageAccess {
     static List CCRecipients(const MailMessage& m) { return Of(m).ccRecipients; }
     static List BCCRecipients(const MailMessage& m) { return Of(m).bccRecipients; }
     static List Attachments(const MailMessage& m) { return Of(m).attachments; }
-    static const std::u16string& BuildMessage(MailMessage& m) { return Of(m).BuildMessage(); }
+    // The built text as it goes out (code-page bytes), and as 16-bit text.
+    static const std::string& BuildBytes(MailMessage& m) { return Of(m).BuildMessage(); }
+    static std::u16string BuildMessage(MailMessage& m) { return FromAnsi(BuildBytes(m)); }
     // The change flag and the cached text, for checking what an operation leaves behind.
     static bool Changed(const MailMessage& m) { return Of(m).changed; }
-    static const std::u16string& CachedMessage(const MailMessage& m) {
-        return *Of(m).cachedMessage;
+    static std::u16string CachedMessage(const MailMessage& m) {
+        return FromAnsi(*Of(m).cachedMessage);
     }
 };
 }  // namespace larkpost::detail

@@ -12,7 +12,11 @@ struct TcpStreamAccess {  // the implementation names it a friend
     static int32_t State(const TcpStream& s) { return Of(s).m_state; }
     static bool ErrorPending(const TcpStream& s) { return Of(s).m_errorPending; }
     static void SetTicksLeft(TcpStream& s, int32_t ticks) { Of(s).m_ticksLeft = ticks; }
-    static const std::string& SendBuffer(const TcpStream& s) { return Of(s).m_sendBuffer; }
+    static std::string SendBuffer(const TcpStream& s) {
+        std::string joined;
+        for (const SendSlice& slice : Of(s).m_sendBuffer.Slices()) joined += slice.bytes;
+        return joined;
+    }
     static std::u16string Unread(const TcpStream& s) {
         return Of(s).m_receiveBuffer.Peek(0, Of(s).m_receiveBuffer.Size());
     }
