@@ -162,7 +162,8 @@ void Result::Print() const {
     // parent's ru_maxrss would also count the image of the process that forked it.
     // A driver that reads its peak before some later step sets peak_kb itself.
     Result withPeak = *this;
-    const bool set = std::any_of(m_fields.begin(), m_fields.end(), [](const auto& f) { return f.first == "peak_kb"; });
+    const bool set = std::any_of(m_fields.begin(), m_fields.end(),
+                                 [](const auto& field) { return field.first == "peak_kb"; });
     if (!set) withPeak.Set("peak_kb", static_cast<double>(PeakRssKb()));
     withPeak.PrintFields();
 }

@@ -2,18 +2,19 @@
 // JSON line on stdout.
 //
 //   bench_larkpost assemble mode=build|save|send attach=FILE body=FILE [html=FILE] [out=FILE: save]
-//                  [format=standard] [port=N: send, over a session opened before the clock, pauses off]
+//                  [format=standard] [port=N pause_ms=0: send, over a session opened first]
 //   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip] [pause_ms=N] [ca=FILE: implicit TLS]
 //   bench_larkpost session port=N count=N body=FILE [size=N: trim the body to a text of N] [pauses=skip]
 //                  [pause_ms=N]
 // pause_ms sets MailClient::PauseMilliseconds (0: the client takes no pauses at all).
 //   bench_larkpost threads ports=N[,N...] threads=N count=N body=FILE [size=N] [pause_ms=N]
-//                  (thread i sends count messages over its own MailClient to ports[i % number of ports])
+//                  (thread i: count messages over its own MailClient to ports[i % number of ports])
 //   bench_larkpost idle port=N
 //
 // The mandated pause of MailClient::Send (5 ms before every fourth slice of 512 characters) is
 // measured apart: the driver puts a timing wrapper around the same real sleep through the
 // per-thread Sleep seam, and reports the pauses' count and their measured duration.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -255,17 +256,15 @@ int Threads(const bench::Args& args) {
     for (const auto& failure : failures) {
         if (failure) std::rethrow_exception(failure);
     }
-    double slowest = 0;
-    double fastest = seconds;
-    for (const double s : threadSeconds) slowest = std::max(slowest, s), fastest = std::min(fastest, s);
+    const auto [fastest, slowest] = std::minmax_element(threadSeconds.begin(), threadSeconds.end());
 
     bench::Result()
         .Set("seconds", seconds)
         .Set("cpu_seconds", cpu)
         .Set("messages", static_cast<double>(count * threadCount))
         .Set("threads", static_cast<double>(threadCount))
-        .Set("fastest_thread_seconds", fastest)
-        .Set("slowest_thread_seconds", slowest)
+        .Set("fastest_thread_seconds", *fastest)
+        .Set("slowest_thread_seconds", *slowest)
         .Print();
     return 0;
 }
