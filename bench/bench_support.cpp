@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -159,8 +160,11 @@ Result& Result::Set(const std::string& key, const std::string& value) {
 void Result::Print() const {
     // The process's own high-water mark: after exec it covers this program alone, where the
     // parent's ru_maxrss would also count the image of the process that forked it.
+    // A driver that reads its peak before some later step sets peak_kb itself.
     Result withPeak = *this;
-    withPeak.Set("peak_kb", static_cast<double>(PeakRssKb()));
+    const bool set = std::any_of(m_fields.begin(), m_fields.end(),
+                                 [](const auto& field) { return field.first == "peak_kb"; });
+    if (!set) withPeak.Set("peak_kb", static_cast<double>(PeakRssKb()));
     withPeak.PrintFields();
 }
 

@@ -52,7 +52,7 @@ class Result {
 public:
     Result& Set(const std::string& key, double value);
     Result& Set(const std::string& key, const std::string& value);
-    // Prints the fields and the process's peak resident size so far (peak_kb).
+    // Prints the fields and, unless set, the process's peak resident size so far (peak_kb).
     void Print() const;
 
 private:

@@ -1,22 +1,29 @@
 // Larkpost's side of the workloads in bench/run.py. One repetition per process; the result is one
 // JSON line on stdout.
 //
-//   bench_larkpost assemble mode=build|save attach=FILE body=FILE html=FILE out=FILE [format=standard]
+//   bench_larkpost assemble mode=build|save|send attach=FILE body=FILE [html=FILE] [out=FILE: save]
+//                  [format=standard] [port=N pause_ms=0: send, over a session opened first]
 //   bench_larkpost send port=N attach=FILE body=FILE [pauses=skip] [pause_ms=N] [ca=FILE: implicit TLS]
 //   bench_larkpost session port=N count=N body=FILE [size=N: trim the body to a text of N] [pauses=skip]
 //                  [pause_ms=N]
 // pause_ms sets MailClient::PauseMilliseconds (0: the client takes no pauses at all).
+//   bench_larkpost threads ports=N[,N...] threads=N count=N body=FILE [size=N] [pause_ms=N]
+//                  (thread i: count messages over its own MailClient to ports[i % number of ports])
 //   bench_larkpost idle port=N
 //
 // The mandated pause of MailClient::Send (5 ms before every fourth slice of 512 characters) is
 // measured apart: the driver puts a timing wrapper around the same real sleep through the
 // per-thread Sleep seam, and reports the pauses' count and their measured duration.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <latch>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bench_support.h"
 #include "larkpost/larkpost.h"
@@ -69,38 +76,10 @@ std::shared_ptr<MailMessage> NewMessage(const std::string& body) {
     return message;
 }
 
-int Assemble(const bench::Args& args) {
-    const std::string mode = args.Text("mode");
-    const std::string body = bench::ReadFileBytes(args.Text("body"));
-    const std::string html = bench::ReadFileBytes(args.Text("html"));
-    const long baselineKb = bench::PeakRssKb();
-
-    const auto start = bench::Clock::now();
-    auto message = NewMessage(body);
-    message->StandardFormat(args.Has("format") && args.Text("format") == "standard");
-    message->BodyHTML(html);
-    message->AttachFile(args.Text("attach"));
-    std::size_t encodedBytes = 0;
-    if (mode == "build") {
-        encodedBytes = MailMessageAccess::BuildBytes(*message).size();
-    } else {
-        message->SaveToFile(args.Text("out"));
-    }
-    const double seconds = bench::SecondsSince(start);
-    if (mode != "build") encodedBytes = bench::FileSize(args.Text("out"));
-
-    bench::Result()
-        .Set("seconds", seconds)
-        .Set("bytes", static_cast<double>(encodedBytes))
-        .Set("baseline_kb", static_cast<double>(baselineKb))
-        .Print();
-    return 0;
-}
-
-// Connects a client to the sink on loopback; EHLO is part of Connect.
+// Connects a client to the sink on loopback (port, else port=N); EHLO is part of Connect.
 // With ca=FILE, implicit TLS verified against it.
-std::unique_ptr<MailClient> OpenSession(const bench::Args& args) {
-    const int port = static_cast<int>(args.Number("port"));
+std::unique_ptr<MailClient> OpenSession(const bench::Args& args, int port = 0) {
+    if (port == 0) port = static_cast<int>(args.Number("port"));
     auto client = std::make_unique<MailClient>();
     if (args.Has("pause_ms")) client->PauseMilliseconds(static_cast<int32_t>(args.Number("pause_ms")));
     client->Server("127.0.0.1");
@@ -109,6 +88,46 @@ std::unique_ptr<MailClient> OpenSession(const bench::Args& args) {
     client->Timeout = 60;
     client->Connect();
     return client;
+}
+
+// Creates the message and builds its text (build), also writes it (save), or sends it over a
+// session opened beforehand (send: build included, as a host's first Send of a message pays it).
+// Memory growth is VmHWM at the end of the work minus VmHWM before it.
+int Assemble(const bench::Args& args) {
+    const std::string mode = args.Text("mode");
+    const std::string body = bench::ReadFileBytes(args.Text("body"));
+    const std::string html = args.Has("html") ? bench::ReadFileBytes(args.Text("html")) : "";
+    std::unique_ptr<MailClient> client;
+    if (mode == "send") client = OpenSession(args);  // pause_ms=0 from the runner
+    const long baselineKb = bench::PeakRssKb();
+
+    const auto start = bench::Clock::now();
+    auto message = NewMessage(body);
+    message->StandardFormat(args.Has("format") && args.Text("format") == "standard");
+    if (!html.empty()) message->BodyHTML(html);
+    message->AttachFile(args.Text("attach"));
+    std::size_t encodedBytes = 0;
+    if (mode == "build") {
+        encodedBytes = MailMessageAccess::BuildBytes(*message).size();
+    } else if (mode == "send") {
+        client->Send(message);
+    } else {
+        message->SaveToFile(args.Text("out"));
+    }
+    const double seconds = bench::SecondsSince(start);
+    const long peakKb = bench::PeakRssKb();
+    // Asked after the peak is read: the size of the cached text, whatever its form.
+    if (mode == "send") encodedBytes = MailMessageAccess::BuildBytes(*message).size();
+    if (mode == "save") encodedBytes = bench::FileSize(args.Text("out"));
+    if (client) client->Disconnect();
+
+    bench::Result()
+        .Set("seconds", seconds)
+        .Set("bytes", static_cast<double>(encodedBytes))
+        .Set("baseline_kb", static_cast<double>(baselineKb))
+        .Set("peak_kb", static_cast<double>(peakKb))
+        .Print();
+    return 0;
 }
 
 int SendOne(const bench::Args& args) {
@@ -181,6 +200,75 @@ int Session(const bench::Args& args) {
     return 0;
 }
 
+std::vector<int> PortList(const std::string& text) {
+    std::vector<int> ports;
+    std::istringstream list(text);
+    for (std::string port; std::getline(list, port, ',');) ports.push_back(std::stoi(port));
+    if (ports.empty()) throw std::runtime_error("ports= names no port");
+    return ports;
+}
+
+// Several hosts' threads at once: each thread its own message, MailClient and event loop. All
+// connect first; the clock runs from releasing them together to the last one's final reply.
+// CPU is the whole process's (every thread) over that span.
+int Threads(const bench::Args& args) {
+    std::string body = bench::ReadFileBytes(args.Text("body"));
+    if (args.Has("size")) body = BodyForMessageSize(body, static_cast<std::size_t>(args.Number("size")));
+    const std::vector<int> ports = PortList(args.Text("ports"));
+    const long threadCount = args.Number("threads");
+    const long count = args.Number("count");
+    std::latch connected(threadCount);
+    std::latch go(1);
+    std::vector<double> threadSeconds(static_cast<std::size_t>(threadCount));
+    std::vector<std::exception_ptr> failures(static_cast<std::size_t>(threadCount));
+    std::vector<std::thread> threads;
+    for (long t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] {
+            const auto i = static_cast<std::size_t>(t);
+            std::unique_ptr<MailClient> client;
+            auto message = NewMessage(body);
+            try {
+                MailMessageAccess::BuildBytes(*message);
+                client = OpenSession(args, ports[i % ports.size()]);
+            } catch (...) {
+                failures[i] = std::current_exception();
+            }
+            connected.count_down();
+            go.wait();
+            if (!client) return;
+            try {
+                const auto start = bench::Clock::now();
+                for (long m = 0; m < count; ++m) client->Send(message);
+                threadSeconds[i] = bench::SecondsSince(start);
+                client->Disconnect();
+            } catch (...) {
+                failures[i] = std::current_exception();
+            }
+        });
+    }
+    connected.wait();
+    const double cpuBefore = bench::CpuSeconds();
+    const auto start = bench::Clock::now();
+    go.count_down();
+    for (auto& thread : threads) thread.join();
+    const double seconds = bench::SecondsSince(start);
+    const double cpu = bench::CpuSeconds() - cpuBefore;
+    for (const auto& failure : failures) {
+        if (failure) std::rethrow_exception(failure);
+    }
+    const auto [fastest, slowest] = std::minmax_element(threadSeconds.begin(), threadSeconds.end());
+
+    bench::Result()
+        .Set("seconds", seconds)
+        .Set("cpu_seconds", cpu)
+        .Set("messages", static_cast<double>(count * threadCount))
+        .Set("threads", static_cast<double>(threadCount))
+        .Set("fastest_thread_seconds", *fastest)
+        .Set("slowest_thread_seconds", *slowest)
+        .Print();
+    return 0;
+}
+
 // A read against a peer that accepts and never writes: the stream's ticker ends it after
 // ResponseTimeout + 1 seconds. What matters is the CPU the wait burns meanwhile.
 int Idle(const bench::Args& args) {
@@ -205,7 +293,7 @@ int Idle(const bench::Args& args) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s assemble|send|session|idle key=value...\n", argv[0]);
+        std::fprintf(stderr, "usage: %s assemble|send|session|threads|idle key=value...\n", argv[0]);
         return 2;
     }
     try {
@@ -214,6 +302,7 @@ int main(int argc, char** argv) {
         if (workload == "assemble") return Assemble(args);
         if (workload == "send") return SendOne(args);
         if (workload == "session") return Session(args);
+        if (workload == "threads") return Threads(args);
         if (workload == "idle") return Idle(args);
         std::fprintf(stderr, "unknown workload %s\n", workload.c_str());
         return 2;

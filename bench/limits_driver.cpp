@@ -8,7 +8,15 @@
 //   bench_limits session port=N count=N message=FILE
 //       a minimal lock-step SMTP client on a raw socket: MAIL FROM, RCPT TO, DATA, then the text
 //       and the terminating line in one write; four round trips a message.
+//   bench_limits pagefaults mib=N
+//   bench_limits wakeup count=N
+//       one-byte round trips between two processes over a socket pair, both on one core, then
+//       on two: what the lock-step dialogue pays when client and server wake each other across
+//       cores.
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -72,6 +80,53 @@ int PageFaults(const bench::Args& args) {
         .Set("seconds", first)
         .Set("first_touch_us_per_page", first / pages * 1e6)
         .Set("second_touch_us_per_page", second / pages * 1e6)
+        .Print();
+    return 0;
+}
+
+void PinToCore(int core) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(core, &set);
+    if (sched_setaffinity(0, sizeof set, &set) != 0) throw std::runtime_error("cannot pin to a core");
+}
+
+// Seconds per round trip between this process on core 0 and a child on `otherCore`.
+double RoundTripSeconds(int otherCore, long count) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) throw std::runtime_error("socketpair failed");
+    char byte = 'x';
+    const pid_t child = fork();
+    if (child == 0) {
+        close(pair[0]);
+        PinToCore(otherCore);
+        for (long i = 0; i < count; ++i) {
+            if (read(pair[1], &byte, 1) != 1 || write(pair[1], &byte, 1) != 1) _exit(1);
+        }
+        _exit(0);
+    }
+    close(pair[1]);
+    PinToCore(0);
+    const auto start = bench::Clock::now();
+    for (long i = 0; i < count; ++i) {
+        if (write(pair[0], &byte, 1) != 1 || read(pair[0], &byte, 1) != 1) break;
+    }
+    const double seconds = bench::SecondsSince(start);
+    close(pair[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("round-trip child failed");
+    return seconds / static_cast<double>(count);
+}
+
+int Wakeup(const bench::Args& args) {
+    const long count = args.Number("count");
+    const double sameCore = RoundTripSeconds(0, count);
+    const double acrossCores = sysconf(_SC_NPROCESSORS_ONLN) > 1 ? RoundTripSeconds(1, count) : sameCore;
+    bench::Result()
+        .Set("seconds", (sameCore + acrossCores) * static_cast<double>(count))
+        .Set("same_core_us", sameCore * 1e6)
+        .Set("across_cores_us", acrossCores * 1e6)
         .Print();
     return 0;
 }
@@ -141,7 +196,7 @@ int SendMessages(const bench::Args& args, long count) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s assemble|send|session|pagefaults key=value...\n", argv[0]);
+        std::fprintf(stderr, "usage: %s assemble|send|session|pagefaults|wakeup key=value...\n", argv[0]);
         return 2;
     }
     try {
@@ -151,6 +206,7 @@ int main(int argc, char** argv) {
         if (workload == "send") return SendMessages(args, 1);
         if (workload == "session") return SendMessages(args, args.Number("count"));
         if (workload == "pagefaults") return PageFaults(args);
+        if (workload == "wakeup") return Wakeup(args);
         std::fprintf(stderr, "unknown workload %s\n", workload.c_str());
         return 2;
     } catch (const std::exception& error) {

@@ -151,6 +151,28 @@ class ReportTest(unittest.TestCase):
         report.sends()
         self.assertEqual(self.verdicts(report)["Send 5 MiB <= 1.05 x (pauses + raw transfer)"], "FAIL")
 
+    def test_thread_speed_up_compares_rates_not_times(self):
+        def runs(messages, seconds):
+            return [{"messages": messages, "seconds": seconds, "cpu_seconds": 0.01, "server_cpu_seconds": 0.01}]
+        for two_seconds, verdict in ((0.12, "PASS"), (0.13, "FAIL")):  # 1.67x and 1.54x the rate of one
+            report = self.report({"threads/1/one-sink": runs(500, 0.1), "threads/2/one-sink": runs(1000, two_seconds),
+                                  "threads/2/sink-each": runs(1000, 0.1)})
+            report.threads()
+            self.assertEqual(self.verdicts(report)["2 threads >= 1.6x the messages/s of 1 (one smtp-sink)"], verdict)
+
+    def test_scaling_targets_per_mib_and_growth_over_encoded(self):
+        def runs(seconds, growth_kb, encoded_kb):
+            return [{"seconds": seconds, "bytes": encoded_kb * 1024, "baseline_kb": 5000, "peak_kb": 5000 + growth_kb,
+                     "maxrss_kb": 999999}]
+        report = self.report({  # build linear, growth 0.86x; send 1.4x time and 1.36x memory per MiB at 100
+            "scale/1M/build": runs(0.010, 1200, 1400), "scale/100M/build": runs(1.2, 120000, 140000),
+            "scale/1M/send": runs(0.010, 1400, 1400), "scale/100M/send": runs(1.4, 190000, 140000)})
+        report.scaling()
+        self.assertEqual(self.verdicts(report), {
+            "build: per-MiB time, 100 MiB vs 1 MiB": "PASS", "build: per-MiB memory, 100 MiB vs 1 MiB": "PASS",
+            "peak memory of build / encoded size (worst of 1, 100 MiB)": "PASS",
+            "send: per-MiB time, 100 MiB vs 1 MiB": "FAIL", "send: per-MiB memory, 100 MiB vs 1 MiB": "FAIL",
+            "peak memory of send / encoded size (worst of 1, 100 MiB)": "FAIL"})
 
 @unittest.skipUnless(os.access(LIMITS, os.X_OK), "bench_limits not built in " + BUILD)
 class LimitEncoderTest(unittest.TestCase):
