@@ -26,15 +26,24 @@ void RemoveExpired(std::vector<std::weak_ptr<T>>& list) {
     std::erase_if(list, [](const std::weak_ptr<T>& entry) { return entry.expired(); });
 }
 
+// Takes a member's scratch vector for the length of a round and gives it back, emptied but with
+// its capacity, at the end.
 template <typename T>
-std::vector<std::shared_ptr<T>> LockAll(const std::vector<std::weak_ptr<T>>& list) {
-    std::vector<std::shared_ptr<T>> alive;
-    alive.reserve(list.size());
-    for (auto& entry : list) {
-        if (auto watcher = entry.lock()) alive.push_back(std::move(watcher));
+class Scratch {
+public:
+    explicit Scratch(std::vector<T>& home) : m_home(home) { m_items.swap(home); }
+    ~Scratch() {
+        m_items.clear();
+        m_home.swap(m_items);
     }
-    return alive;
-}
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    std::vector<T>& operator*() { return m_items; }
+
+private:
+    std::vector<T>& m_home;
+    std::vector<T> m_items;
+};
 
 }  // namespace
 
@@ -84,11 +93,14 @@ bool EventLoop::WaitAndPump() {
 
 void EventLoop::Collect(std::optional<MonotonicClock::duration> limit) {
     PruneExpired();
-
     // Snapshots: OnReady may register or drop watchers while we go through them.
-    std::vector<std::shared_ptr<IoWatcher>> watchers;
-    std::vector<pollfd> fds;
-    for (auto& watcher : LockAll(m_ioWatchers)) {
+    Scratch watchersLease(m_readyScratch);
+    Scratch fdsLease(m_pollScratch);
+    std::vector<std::shared_ptr<IoWatcher>>& watchers = *watchersLease;
+    std::vector<pollfd>& fds = *fdsLease;
+    for (auto& entry : m_ioWatchers) {
+        auto watcher = entry.lock();
+        if (!watcher) continue;
         int fd = watcher->PollFd();
         short events = watcher->PollEvents();
         if (fd < 0 || events == 0) continue;
@@ -104,6 +116,7 @@ void EventLoop::Collect(std::optional<MonotonicClock::duration> limit) {
         timeout.tv_nsec = static_cast<long>(ns % 1'000'000'000);
         timeoutPtr = &timeout;
     }
+
     int ready = 0;
     if (!fds.empty() || (limit && *limit > MonotonicClock::duration::zero())) {
         ready = ppoll(fds.data(), fds.size(), timeoutPtr, nullptr);
@@ -121,7 +134,13 @@ void EventLoop::Collect(std::optional<MonotonicClock::duration> limit) {
 
 void EventLoop::QueueDueTimers() {
     auto now = MonotonicClock::now();
-    for (auto& timer : LockAll(m_timerWatchers)) {
+    // A snapshot, as OnDue may register timers.
+    Scratch timersLease(m_timerScratch);
+    std::vector<std::shared_ptr<TimerWatcher>>& timers = *timersLease;
+    for (auto& entry : m_timerWatchers) {
+        if (auto timer = entry.lock()) timers.push_back(std::move(timer));
+    }
+    for (auto& timer : timers) {
         auto deadline = timer->Deadline();
         if (deadline && *deadline <= now) timer->OnDue(now);
     }
@@ -140,9 +159,12 @@ void EventLoop::Deliver() {
     }
 }
 
+// These two only ask, so they go through the lists as they are.
 std::optional<MonotonicClock::time_point> EventLoop::NextDeadline() {
     std::optional<MonotonicClock::time_point> first;
-    for (auto& timer : LockAll(m_timerWatchers)) {
+    for (auto& entry : m_timerWatchers) {
+        auto timer = entry.lock();
+        if (!timer) continue;
         auto deadline = timer->Deadline();
         if (deadline && (!first || *deadline < *first)) first = deadline;
     }
@@ -150,8 +172,9 @@ std::optional<MonotonicClock::time_point> EventLoop::NextDeadline() {
 }
 
 bool EventLoop::AnyIoInterest() {
-    for (auto& watcher : LockAll(m_ioWatchers)) {
-        if (watcher->PollFd() >= 0 && watcher->PollEvents() != 0) return true;
+    for (auto& entry : m_ioWatchers) {
+        auto watcher = entry.lock();
+        if (watcher && watcher->PollFd() >= 0 && watcher->PollEvents() != 0) return true;
     }
     return false;
 }

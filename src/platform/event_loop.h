@@ -4,6 +4,8 @@
 #ifndef LARKPOST_PLATFORM_EVENT_LOOP_H
 #define LARKPOST_PLATFORM_EVENT_LOOP_H
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -81,6 +83,11 @@ private:
 
     std::vector<std::weak_ptr<IoWatcher>> m_ioWatchers;
     std::vector<std::weak_ptr<TimerWatcher>> m_timerWatchers;
+    // Scratch for the snapshots of a round, kept so that a pump allocates nothing. A nested
+    // round (a watcher that pumps) finds them taken and makes its own.
+    std::vector<std::shared_ptr<IoWatcher>> m_readyScratch;
+    std::vector<pollfd> m_pollScratch;
+    std::vector<std::shared_ptr<TimerWatcher>> m_timerScratch;
     std::deque<QueuedEvent> m_queue;
     uint64_t m_nextSequence = 0;
 };
