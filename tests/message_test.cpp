@@ -1,5 +1,6 @@
-// MailMessage: its exact text, what Python reads back, the recipient lists and their keys, the
-// search of AttachFile, and every way a file fails at the build and at SaveToFile.
+// MailMessage: its exact text, the recipient lists and their keys, the search of AttachFile, and
+// every way a file fails at the build and at SaveToFile (Python reads saved files back in
+// tests/scripts/hosts_test.py).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@
 #include "platform/files.h"
 #include "support/mail_message_access.h"
 #include "support/process.h"
-#include "support/python_codec.h"
 #include "support/raised.h"
 
 namespace larkpost {
@@ -89,47 +89,6 @@ TEST(MessageText, EveryRowCharacterForCharacter) {
                           u"Content-Length: 8\r\n\r\naGVsbG8=")));
     EXPECT_EQ(BoundaryCounterForTesting(), 3);  // two boundaries, no more
     detail::SetSystemTimerForTesting({});
-}
-
-// The saved file holds the built text, cut to its length; Python decodes every part back.
-TEST(MessageText, SavedFileIsTheTextAndPythonReadsEveryPartBack) {
-    test::TempDir dir;
-    std::string all, photo(300000, '\0');  // the photo spans three pieces of the encoder
-    for (int b = 0; b < 512; ++b) all += char(b);
-    for (uint32_t i = 0, x = 7; i < photo.size(); ++i) photo[i] = char((x = x * 69069 + 1) >> 24);
-    const std::string bin = "application/octet-stream", htm = "text/html", jpg = "image/jpeg";
-    const std::tuple<std::string, std::string, std::string> files[] = {  // name, bytes, type
-        {"one", "\x80", bin}, {"a.HTM", all, htm}, {"a.HTM", all, htm}, {"b.html", "c", htm},
-        {"c.jpeg", "c", jpg}, {".TxT", "c", "text/plain"}, {"d.txt.gz", "c", bin},
-        {"e.JPG", photo, jpg}};
-    MailMessage message;
-    message.FromAddress(u"ann");
-    message.Body(u".\r\n..dots\r\nblank \t\r\nFrom me\r\n" + u16string(80, u'x'));
-    std::string structure = "multipart/mixed(multipart/alternative(text/plain)";
-    for (const auto& [name, bytes, type] : files) {
-        test::WriteFileBytes(dir.File(name), bytes);
-        message.AttachFile(dir.File(name));
-        structure += "," + type;
-    }
-    test::WriteFileBytes(dir.File("saved.eml"), std::string(1 << 21, 'z'));
-    message.SaveToFile(dir.File("saved.eml"));
-    const std::string bytes = test::ReadFileBytes(dir.File("saved.eml"));
-    EXPECT_EQ(bytes, detail::ToAnsi(Build(message)));
-    const test::ParsedMime parsed = test::ParseMime(bytes);
-    EXPECT_EQ(parsed.defects, std::vector<std::string>{});
-    EXPECT_EQ(parsed.Header("From"), "ann");  // without a sender name; no empty Cc or Bcc row
-    EXPECT_EQ(parsed.headers.size(), 5u);
-    EXPECT_EQ(parsed.structure, structure + ")");
-    ASSERT_EQ(parsed.parts.size(), std::size(files) + 1);
-    // The line end closing an encoded body reads as one more line end of that body.
-    EXPECT_EQ(parsed.parts[0].payload, detail::ToAnsi(message.Body()) + "\r\n");
-    for (std::size_t i = 0; i < parsed.parts.size(); ++i) {
-        // Content-Length counts the encoded text with the CR LFs between its lines.
-        EXPECT_EQ(std::stoul(parsed.parts[i].contentLength.value()) + 2, parsed.parts[i].rawLength);
-        if (i == 0) continue;
-        EXPECT_EQ(parsed.parts[i].payload, std::get<1>(files[i - 1]));
-        EXPECT_EQ(parsed.parts[i].filename, std::get<0>(files[i - 1]));
-    }
 }
 
 // The standard format refuses the header values it cannot write when the text is built, before

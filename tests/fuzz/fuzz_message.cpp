@@ -1,14 +1,18 @@
-// A message built from fuzz values, in the classic format or the standard one.
+// A message built from fuzz values, in the classic format or the standard one, or a file search.
 // Classic: it builds, or the recipient or file is refused with its documented error; the text reads
 // back as the header lines with the values as given, the declared boundaries, the bodies from
 // quoted-printable and each attached file from Base64 (lines of at most 76); no lone "." line
 // unless a header value or file name brought it.
 // Standard: the refusal the values call for, or a 7-bit text of CR LF lines, none over 78 (998 with
 // a long address) and none starting with ".", from which a small decoder reads every value back.
+// Search: AttachFile with a name or pattern in a fixed directory is accepted exactly when a
+// reference matcher finds a plain file; refusals as documented; an accepted path saves or fails
+// with the attachment error only.
 // Input: a byte of options (bit 0: the rest is 16-bit code units, else a byte a character; bit 1:
-// the standard format), then fields split at U+0000. Classic: subject, from, sender name, body,
-// HTML body, MIME type, then To, Cc, Bcc and file names, each a list split at U+0001. Standard:
-// subject, sender name, body, HTML body, an added header's value, a To address (the rest).
+// the standard format; bit 2: the search, of the rest less "/"), then fields split at U+0000.
+// Classic: subject, from, sender name, body, HTML body, MIME type, then To, Cc, Bcc and file names,
+// each a list split at U+0001. Standard: subject, sender name, body, HTML body, an added header's
+// value, a To address (the rest).
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -32,57 +36,53 @@ const std::string g_dir = "/tmp/larkpost-fuzz-message-" + std::to_string(::getpi
 constexpr std::string_view kBase64 =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-bool Has(std::u16string_view text, std::u16string_view any) {
-    return text.find_first_of(any) != text.npos;
+bool HasLineBreak(std::u16string_view text) { return text.find_first_of(u"\r\n") != text.npos; }
+
+// The readers of both formats: Base64 with line ends and padding left out; quoted-printable of a
+// body, or the "Q" of an encoded word (where "_" is a space).
+int Hex(char c) { return c <= '9' ? c - '0' : c - 'A' + 10; }
+
+std::string Base64Decode(std::string_view text) {
+    std::string out;
+    uint32_t bits = 0, count = 0;
+    for (char c : text) {
+        if (kBase64.find(c) == kBase64.npos) continue;  // line ends and padding
+        bits = bits << 6 | uint32_t(kBase64.find(c));
+        if ((count += 6) >= 8) out += char(bits >> (count -= 8));
+    }
+    return out;
 }
-bool HasLineBreak(std::u16string_view text) { return Has(text, u"\r\n"); }
 
-// ---- the classic format: strict decoders that check the line shape as they read
-
-std::string QuotedPrintableDecode(std::u16string_view text) {
-    std::string bytes;
-    for (const std::u16string& line : Split(text, u'\n')) {
-        std::u16string_view l = line;
-        if (l.ends_with(u'\r')) l.remove_suffix(1);
-        assert(l.size() <= 76);
-        const bool soft = l.ends_with(u'=');
-        if (soft) l.remove_suffix(1);
-        for (std::size_t i = 0; i < l.size(); ++i) {
-            if (l[i] != u'=') {
-                assert(l[i] > 32 && l[i] < 127 && l[i] != u'.');
-                bytes += char(l[i]);
-                continue;
-            }
-            const std::string hex = ToUtf8(l.substr(i + 1, 2));
-            assert(hex.size() == 2 && hex.find_first_not_of("0123456789ABCDEF") == hex.npos);
-            bytes += char(std::stoi(hex, nullptr, 16));
+std::string QuotedDecode(std::string_view text, bool q) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text.substr(i, 3) == "=\r\n") {
             i += 2;
+        } else if (text[i] == '=') {
+            assert(i + 2 < text.size());
+            out += char(Hex(text[i + 1]) * 16 + Hex(text[i + 2])), i += 2;
+        } else {
+            out += q && text[i] == '_' ? ' ' : text[i];
         }
-        if (!soft) bytes += "\r\n";
     }
-    bytes.erase(bytes.size() - 2);  // the last line has no line end of its own
-    return bytes;
+    return out;
 }
 
-std::string Base64Decode(std::u16string_view text) {
-    std::string bytes;
-    for (const std::u16string& line : Split(text, u'\n')) {
-        std::u16string_view l = line;
-        if (l.ends_with(u'\r')) l.remove_suffix(1);
-        assert(l.size() <= 76 && l.size() % 4 == 0);
-        for (std::size_t i = 0; i < l.size(); i += 4) {
-            uint32_t group = 0;
-            int pad = 0;
-            for (std::size_t k = 0; k < 4; ++k) {
-                const std::size_t value =
-                    l[i + k] == u'=' ? (++pad, 0) : kBase64.find(char(l[i + k]));
-                assert(value < 64 && (pad == 0 || l[i + k] == u'='));
-                group = group << 6 | uint32_t(value);
-            }
-            for (int k = 0; k < 3 - pad; ++k) bytes += char(group >> (16 - 8 * k));
-        }
+// A classic block, decoded once its shape holds: lines of at most 76 characters of its alphabet
+// (Base64 in groups of four; quoted-printable writes "." and all but "!" to "~" as "=XX").
+std::string ClassicBlock(std::u16string_view text, bool base64) {
+    static const std::string printable = [] {
+        std::string all;
+        for (char c = '!'; c <= '~'; ++c) all += c == '.' ? "" : std::string(1, c);
+        return all;
+    }();
+    const std::string block = ToUtf8(text);
+    for (std::string_view line : Split<char>(block, '\n')) {
+        if (line.ends_with('\r')) line.remove_suffix(1);
+        assert(line.size() <= 76 && (!base64 || line.size() % 4 == 0) &&
+               line.find_first_not_of(base64 ? std::string(kBase64) + "=" : printable) == line.npos);
     }
-    return bytes;
+    return base64 ? Base64Decode(block) : QuotedDecode(block, false);
 }
 
 std::u16string ContentType(const std::u16string& name) {
@@ -160,7 +160,7 @@ void CheckClassicText(const std::u16string& text, const Fields& f) {
         r.Expect(u"\r\n\r\n--" + inner + u"\r\nContent-Type: ");
         r.Expect(type);
         r.Expect(u"\r\nContent-Transfer-Encoding: quoted-printable\r\nContent-Length: ");
-        assert(QuotedPrintableDecode(r.CountedBlock()) == detail::ToAnsi(value));
+        assert(ClassicBlock(r.CountedBlock(), false) == detail::ToAnsi(value));
     };
     body(f.mimeType, f.body);
     body(u"text/html; charset=iso-8859-1", f.html);
@@ -172,7 +172,7 @@ void CheckClassicText(const std::u16string& text, const Fields& f) {
                  u"\"\r\nContent-Transfer-Encoding: base64\r\nContent-Disposition: "
                  u"attachment;filename=\"" +
                  name + u"\"\r\nContent-Length: ");
-        assert(Base64Decode(r.CountedBlock()) == bytes);
+        assert(ClassicBlock(r.CountedBlock(), true) == bytes);
     }
     r.Expect(u"\r\n\r\n--" + mixed + u"--\r\n");
     assert(r.AtEnd());
@@ -234,34 +234,7 @@ void CheckClassic(std::vector<std::u16string> given) {
     CheckClassicText(detail::MailMessageAccess::BuildMessage(*message), f);
 }
 
-// ---- the standard format: lenient decoders, since the line shape is checked on its own
-
-int Hex(char c) { return c <= '9' ? c - '0' : c - 'A' + 10; }
-
-std::string LenientBase64Decode(std::string_view text) {
-    std::string out;
-    uint32_t bits = 0, count = 0;
-    for (char c : text) {
-        if (kBase64.find(c) == kBase64.npos) continue;  // line ends and padding
-        bits = bits << 6 | uint32_t(kBase64.find(c));
-        if ((count += 6) >= 8) out += char(bits >> (count -= 8));
-    }
-    return out;
-}
-
-// Quoted-printable of a body, or the "Q" of an encoded word (where "_" is a space).
-std::string QuotedDecode(std::string_view text, bool q) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text.substr(i, 3) == "=\r\n")
-            i += 2;
-        else if (text[i] == '=')
-            out += char(Hex(text[i + 1]) * 16 + Hex(text[i + 2])), i += 2;
-        else
-            out += q && text[i] == '_' ? ' ' : text[i];
-    }
-    return out;
-}
+// ---- the standard format
 
 // The unfolded value of a header field, its encoded words decoded; a phrase's quotes taken away.
 std::string FieldValue(const std::string& text, const std::string& name, bool phrase = false) {
@@ -279,7 +252,7 @@ std::string FieldValue(const std::string& text, const std::string& name, bool ph
     for (std::size_t at = 0; at < value.size() && value.compare(at, 8, "=?utf-8?") == 0;) {
         const std::size_t close = value.find("?=", at + 10);
         const std::string_view word = std::string_view(value).substr(at + 10, close - at - 10);
-        decoded += value[at + 8] == 'Q' ? QuotedDecode(word, true) : LenientBase64Decode(word);
+        decoded += value[at + 8] == 'Q' ? QuotedDecode(word, true) : Base64Decode(word);
         at = close + 3;
     }
     return decoded;
@@ -292,9 +265,9 @@ std::string BodyOf(const std::string& text, const std::string& type) {
     const std::size_t at = text.find(head);
     if (at == text.npos) return "";
     const std::size_t start = text.find("\r\n\r\n", at) + 4;
-    const std::string_view content(text.data() + start, text.find("\r\n--", start) - start);
-    return text[at + head.size()] == 'b' ? LenientBase64Decode(content)
-                                         : QuotedDecode(content, false);
+    const std::size_t end = text.find("\r\n----=-MessageBoundary_", start);  // "=" is never literal
+    const std::string_view content(text.data() + start, end - start);
+    return text[at + head.size()] == 'b' ? Base64Decode(content) : QuotedDecode(content, false);
 }
 
 void CheckStandard(std::vector<std::u16string> given) {
@@ -346,10 +319,59 @@ void CheckStandard(std::vector<std::u16string> given) {
     assert(BodyOf(text, "text/plain") == ToUtf8(body) && BodyOf(text, "text/html") == ToUtf8(html));
 }
 
+// ---- the file search
+
+// What the search may accept; a directory, a dangling link and a FIFO lie beside them.
+const std::u16string g_files[] = {u"a.txt",          u"b.TXT",         u"noext",
+                                  u"dot.",           u".hidden",       u"x.tar.gz",
+                                  u"with space.jpg", u"caf\u00e9.htm", u"link.txt"};
+
+// match[p][n]: pattern[p...] matches name[n...]; "*" stands for any run, "?" for one character.
+bool Matches(std::u16string_view pattern, std::u16string_view name) {
+    std::vector<std::vector<char>> match(pattern.size() + 1, std::vector<char>(name.size() + 2));
+    match[pattern.size()][name.size()] = 1;
+    for (std::size_t p = pattern.size(); p-- > 0;)
+        for (std::size_t n = name.size() + 1; n-- > 0;)
+            match[p][n] = pattern[p] == u'*'
+                              ? match[p + 1][n] || (n < name.size() && match[p][n + 1])
+                              : n < name.size() && match[p + 1][n + 1] &&
+                                    (pattern[p] == u'?' || pattern[p] == name[n]);
+    return match[0][0];
+}
+
+void CheckSearch(std::u16string name) {
+    std::erase(name, u'/');
+    const bool wildcard = name.find_first_of(u"*?") != name.npos;
+    bool found = false;  // a wildcard does not match a name starting with "." (an exact name does)
+    for (const std::u16string& file : g_files)
+        found |=
+            wildcard ? (file[0] != u'.' || name[0] == u'.') && Matches(name, file) : name == file;
+    const std::u16string path = FromUtf8(g_dir) + u"/search/" + name;
+    auto message = std::make_shared<MailMessage>();
+    try {
+        message->AttachFile(path);
+    } catch (const RaisedError& error) {
+        assert(!found && error.Number() == ERROR_FILE_NOT_FOUND &&
+               error.Description() == u"File " + path + u" not found. Cannot attach to message.");
+        return;
+    }
+    assert(found);
+    message->AddRecipient("to@example.org");
+    try {
+        message->SaveToFile(g_dir + "/saved.eml");
+    } catch (const RaisedError& error) {  // a wildcard's file is read at the build
+        assert(error.Number() == ERROR_ATTACHMENT_FAILED);
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    std::filesystem::create_directories(g_dir);
+    std::system(
+        ("mkdir -p " + g_dir + "/search && cd " + g_dir +
+         "/search && touch a.txt b.TXT noext dot. .hidden x.tar.gz 'with space.jpg' caf\xc3\xa9.htm"
+         " && mkdir dir.txt && mkfifo pipe.txt && ln -s a.txt link.txt && ln -s no dangling.txt")
+            .c_str());
     return std::atexit([] { std::filesystem::remove_all(g_dir); });
 }
 
@@ -358,7 +380,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::u16string input =
         data[0] & 1 ? fuzz::CodeUnits(data + 1, size - 1)
                     : detail::FromAnsi({reinterpret_cast<const char*>(data) + 1, size - 1});
-    data[0] & 2 ? CheckStandard(Split<char16_t>(input, u'\0'))
-                : CheckClassic(Split<char16_t>(input, u'\0'));
+    if (data[0] & 4)
+        CheckSearch(input);
+    else if (data[0] & 2)
+        CheckStandard(Split<char16_t>(input, u'\0'));
+    else
+        CheckClassic(Split<char16_t>(input, u'\0'));
     return 0;
 }

@@ -66,10 +66,7 @@ struct Reply {
         for (std::size_t i = 1; i < lines.size(); ++i) {
             std::string upper = lines[i].size() > 4 ? lines[i].substr(4) : "";
             for (char& c : upper) c = c >= 'a' && c <= 'z' ? char(c - 32) : c;
-            std::vector<std::string> pieces;
-            for (std::size_t at = 0, space = 0; !upper.empty() && space != upper.npos; at = space + 1)
-                pieces.push_back(upper.substr(at, (space = upper.find(' ', at)) - at));
-            result.push_back(pieces);
+            result.push_back(fuzz::Split<char>(upper, ' '));
         }
         return result;
     }
@@ -78,7 +75,7 @@ struct Reply {
         long long limit = -1;
         *error = 0;
         for (const auto& pieces : keywords()) {
-            if (pieces.empty() || pieces[0] != "SIZE") continue;
+            if (pieces[0] != "SIZE") continue;
             const std::string value = pieces.size() < 2 ? "" : pieces[1];
             if (pieces.size() < 2) *error = ERROR_INVALID_SIZE_VALUE;
             else if (value.empty() || value.find_first_not_of("0123456789") != value.npos)
@@ -93,7 +90,7 @@ struct Reply {
     }
     bool offers(const std::string& mechanism) const {
         for (const auto& pieces : keywords())
-            if (!pieces.empty() && pieces[0] == "AUTH" &&
+            if (pieces[0] == "AUTH" &&
                 std::find(pieces.begin() + 1, pieces.end(), mechanism) != pieces.end())
                 return true;
         return false;

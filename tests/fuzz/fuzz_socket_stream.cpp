@@ -1,6 +1,7 @@
 // A TcpStream on the real PosixSocketControl over a socketpair whose far end the fuzzer plays in the
-// stream's pumps: documented errors only; reads give the peer's bytes in order (a failed ReadLine
-// drops just its part-line); the peer reads the stream's text in order until a failed Flush.
+// stream's pumps: documented errors only; reads give the peer's bytes in order, a line exactly up
+// to its CR LF (a failed ReadLine drops just its part-line); the peer reads the stream's text in
+// order until a failed Flush; a new connection of the same stream reads only its own peer's line.
 // Input: operations, one byte each (kind in the top 3 bits, a size in the rest) with their bytes.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -93,22 +94,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     // Connected over loopback, the descriptor becomes one end of a socketpair before any poll.
     std::shared_ptr<detail::PosixSocketControl> control;
     auto services = detail::HostKitGlobal().Services();
-    services.SetSocketControlFactoryForTesting([&] {
-        control = detail::PosixSocketControl::Create();
-        return control;
-    });
     TcpStream stream;
-    stream.Connect("127.0.0.1", g_port);
-    services.SetSocketControlFactoryForTesting(nullptr);
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) != 0) std::abort();
-    const int small = 4096 + (size ? data[0] : 0) * 64;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    dup2(pair[0], control->PollFd());
-    close(pair[0]);
-    close(accept(g_listener, nullptr, nullptr));
-    auto peer = std::make_shared<Peer>(pair[1]);
-    services.Watch(std::weak_ptr<detail::TimerWatcher>(peer));
+    auto connect = [&] {
+        services.SetSocketControlFactoryForTesting([&] {
+            control = detail::PosixSocketControl::Create();
+            return control;
+        });
+        stream.Connect("127.0.0.1", g_port);
+        services.SetSocketControlFactoryForTesting(nullptr);
+        int pair[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) != 0)
+            std::abort();
+        const int small = 4096 + (size ? data[0] : 0) * 64;
+        setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        dup2(pair[0], control->PollFd());
+        close(pair[0]);
+        close(accept(g_listener, nullptr, nullptr));
+        auto peer = std::make_shared<Peer>(pair[1]);
+        services.Watch(std::weak_ptr<detail::TimerWatcher>(peer));
+        return peer;
+    };
+    auto peer = connect();
 
     std::string written, rest;  // the stream's text; once the control is gone, all it has to read
     std::size_t flushed = 0, readAt = 0;  // the text handed over; where reads match the peer's bytes
@@ -173,10 +179,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             }
             case 4: {  // ReadLine
                 std::u16string line;
-                if (attempt([&] { line = stream.ReadLine(); }))
+                if (attempt([&] { line = stream.ReadLine(); })) {
+                    assert(line.find(u"\r\n") == line.npos);
                     matchRead(line + u"\r\n");
-                else
+                } else {
                     dropped();
+                }
                 break;
             }
             case 5: {  // Read or Peek n characters
@@ -207,5 +215,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     }
     if (!resent) assert(written.compare(0, peer->received.size(), peer->received) == 0);
 
+    // A new connection reads only its own peer's line; a part-line left at its close ends in the
+    // time-out error.
+    peer = connect();
+    peer->work.insert(peer->work.end(), {{'w', "fresh\r\npart"}, {'c', ""}});
+    stream.ResponseTimeout = 50000;  // five seconds of scaled ticks: a stalled pump is no silence
+    assert(stream.ReadLine() == u"fresh");
+    stream.ResponseTimeout = 0;
+    try {
+        stream.ReadLine();
+        assert(false);
+    } catch (const RaisedError& error) {
+        assert(error.Number() == ERROR_RESPONSE_TIMEOUT);
+    }
     return 0;
 }

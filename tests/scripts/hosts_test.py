@@ -1,7 +1,7 @@
 """Larkpost as its hosts meet it, one CTest test per class (tests/scripts.cmake): CInterface, Python
 through ctypes; Command, the larkpost command; Package, the installed package and add_subdirectory.
 Real aiosmtpd servers on loopback; messages read back by Python's email package."""
-import contextlib, ctypes, email, email.policy, email.utils, glob, os, pathlib, pty, re, select, signal, socket  # noqa: E401
+import contextlib, ctypes, email, email.policy, email.utils, glob, os, pathlib, pty, random, re, select, signal, socket  # noqa: E401
 import shutil, subprocess, tempfile, time, unittest  # noqa: E401
 
 from larkpost_ctypes import DIALOGUE, ERROR_BASE, EVENT, SEND_PROGRESS, WRITE, LarkpostError, Library, declarations
@@ -117,6 +117,31 @@ class CInterface(unittest.TestCase):
             self.assertEqual(events, [512, "pending", "canceled"])
             self.assertEqual(self.raised(ERROR_BASE + 1000, "mail_client_send", client, message)[0], "Not connected.")
             self.assertEqual(len(messages()), 1)
+
+    def test_classic_file_saved_over_a_longer_one_reads_back_part_by_part(self):
+        """Types by extension; a file over three pieces of the encoder; the line end closing an encoded body reads as one
+        more; Content-Length counts the encoded text with the CR LFs between its lines."""
+        tmp, html, jpeg, every_byte = tempfile.mkdtemp(), "text/html", "image/jpeg", bytes(range(256)) * 2
+        self.addCleanup(shutil.rmtree, tmp)
+        files = [("one", b"\x80", "application/octet-stream"), ("a.HTM", every_byte, html), ("a.HTM", every_byte, html),
+                 ("b.html", b"c", html), ("c.jpeg", b"c", jpeg), (".TxT", b"c", "text/plain"),
+                 ("d.txt.gz", b"c", "application/octet-stream"), ("e.JPG", random.Random(7).randbytes(300000), jpeg)]
+        text, path = ".\r\n..dots\r\nblank \t\r\nFrom me\r\n" + "x" * 80, os.path.join(tmp, "saved.eml")
+        message = self.new("MailMessage", ("mail_message_set_from_address", "ann"), ("mail_message_set_body", text))
+        for name, data, _ in files:
+            pathlib.Path(tmp, name).write_bytes(data)
+            self.c.call("mail_message_attach_file", message, os.path.join(tmp, name))
+        pathlib.Path(path).write_bytes(b"z" * (1 << 21))
+        self.c.call("mail_message_save_to_file", message, path)
+        raw = pathlib.Path(path).read_bytes()
+        m = email.message_from_bytes(raw, policy=email.policy.compat32)
+        leaves = [p for p in m.walk() if not p.is_multipart()]
+        self.assertEqual([raw.endswith(b"--\r\n"), m["From"], len(m), [d for p in m.walk() for d in p.defects]], [True, "ann", 5, []])
+        self.assertEqual([p.get_content_type() for p in m.walk()], ["multipart/mixed", "multipart/alternative", "text/plain",
+                                                                    *(t for *_, t in files)])
+        self.assertEqual([(p.get_filename(), p.get_payload(decode=True)) for p in leaves],
+                         [(None, text.encode() + b"\r\n"), *((n, d) for n, d, _ in files)])
+        self.assertEqual([int(p["Content-Length"]) + 2 for p in leaves], [len(p.get_payload()) for p in leaves])
 
     def test_standard_format_keeps_every_value_through_python_and_reformime(self):
         tmp, xlsx = tempfile.mkdtemp(), "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet"

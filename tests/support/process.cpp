@@ -40,15 +40,6 @@ int WaitFor(pid_t pid, std::chrono::milliseconds limit, int signal) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string& input,
-                         std::chrono::milliseconds limit) {
-    const TempDir dir;  // files rather than pipes: nothing waits for a full pipe
-    const std::string in = dir.File("in"), out = dir.File("out"), err = dir.File("err");
-    WriteFileBytes(in, input);
-    const int status = WaitFor(Spawn(argv, {in, out, err}), limit, SIGKILL);
-    return {status, ReadFileBytes(out), ReadFileBytes(err)};
-}
-
 TempDir::TempDir() : m_path(std::filesystem::temp_directory_path() / "larkpost-XXXXXX") {
     if (!::mkdtemp(m_path.data())) throw std::runtime_error("mkdtemp failed");
 }
@@ -61,8 +52,8 @@ TempDir::~TempDir() {
 const std::string& Certificates() {
     static const TempDir dir;
     static const std::string path =
-        RunProcess({"/bin/sh", LARKPOST_TESTS_DIR "/support/make_certificates.sh", dir.Path()})
-                    .exitCode == 0
+        WaitFor(Spawn({"/bin/sh", LARKPOST_TESTS_DIR "/support/make_certificates.sh", dir.Path()}),
+                std::chrono::seconds(60), SIGKILL) == 0
             ? dir.Path() + "/"
             : "[no certificates]/";
     return path;

@@ -12,14 +12,6 @@ namespace larkpost::test {
 
 inline constexpr const char* kSystemPython = "/usr/bin/python3";  // Debian's, with aiosmtpd
 
-struct ProcessResult {
-    int exitCode = -1;  // -1 when a signal (the time limit's) ended it
-    std::string out, err;
-};
-
-// Runs argv with input on its stdin; killed at the limit.
-ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string& input = {},
-                         std::chrono::milliseconds limit = std::chrono::seconds(60));
 // Starts argv in a process group of its own, with stdin, stdout and stderr from these files.
 pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& files = {});
 // Waits for pid; at the limit signals its group, 5 s later kills it. The exit status or -1.
