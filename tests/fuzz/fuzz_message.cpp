@@ -107,9 +107,11 @@ struct Fields {
 class Reader {
 public:
     explicit Reader(const std::u16string& text) : m_text(text) {}
+    // Values reach the text through the code page: a character it lacks is "?" there.
     void Expect(std::u16string_view piece) {
-        assert(m_text.compare(m_at, piece.size(), piece) == 0);
-        m_at += piece.size();
+        const std::u16string written = detail::FromAnsi(detail::ToAnsi(piece));
+        assert(m_text.compare(m_at, written.size(), written) == 0);
+        m_at += written.size();
     }
     std::u16string Until(std::u16string_view end) {
         const std::size_t found = m_text.find(end, m_at);
