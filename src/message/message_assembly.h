@@ -32,8 +32,8 @@ struct MessageFields {
 // One assembly. The constructor does all that can be known before writing: it makes the two
 // boundaries, encodes the bodies and measures every attached file, so that the text can be
 // written into one reservation of Length() characters. The text is written in the code page,
-// one byte a character, as the socket and the file writer take it. An attached file that cannot be reached
-// raises ERROR_ATTACHMENT_FAILED, here or in WriteTo.
+// one byte a character, as the socket and the file writer take it. An attached file that cannot
+// be reached raises ERROR_ATTACHMENT_FAILED, here or in WriteTo.
 class MessageAssembly {
 public:
     explicit MessageAssembly(const MessageFields& fields);
