@@ -130,8 +130,8 @@ private:
     std::string m_received;  // bytes from m_receivedOffset on wait for GetData
     std::size_t m_receivedOffset = 0;
 
-    OutgoingQueue m_outgoing;     // waits for POLLOUT
-    std::vector<iovec> m_vectors;  // reused for every write
+    OutgoingQueue m_outgoing;         // waits for POLLOUT
+    std::vector<iovec> m_vectors;     // reused for every write
     uint64_t m_bytesAccepted = 0;     // by SendData, over the connection's life
     uint64_t m_bytesSent = 0;         // taken by the kernel
     std::deque<uint64_t> m_sendEnds;  // m_bytesAccepted after each SendData not yet complete
