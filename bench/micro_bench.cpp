@@ -123,7 +123,7 @@ BENCHMARK(BM_LarkpostBase64Text);
 
 void BM_LarkpostQuotedPrintable(benchmark::State& state) {
     const std::u16string input = Widen(Prose());
-    std::u16string output;
+    std::string output;
     for (auto _ : state) {
         output.clear();
         larkpost::detail::QuotedPrintableEncodeTo(input, output);

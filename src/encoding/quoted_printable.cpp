@@ -14,7 +14,7 @@ namespace {
 
 // The current line may hold at most this many characters before the "=" of a soft break.
 constexpr std::size_t kMaxLineLength = 75;
-constexpr char16_t kSoftBreak[] = {u'=', u'\r', u'\n'};
+constexpr char kSoftBreak[] = {'=', '\r', '\n'};
 
 constexpr bool StaysLiteral(unsigned code) {
     return (code >= 33 && code <= 45) || (code >= 47 && code <= 60) || (code >= 62 && code <= 126);
@@ -22,20 +22,20 @@ constexpr bool StaysLiteral(unsigned code) {
 
 // What one code turns into: itself, or "=" and two upper-case hexadecimal digits.
 struct Piece {
-    std::array<char16_t, 3> text{};
+    std::array<char, 3> text{};
     unsigned char length = 0;
 };
 
 constexpr std::array<Piece, 256> MakePieces() {
-    constexpr char16_t hex[] = u"0123456789ABCDEF";
+    constexpr char hex[] = "0123456789ABCDEF";
     std::array<Piece, 256> pieces{};
     for (unsigned code = 0; code < 256; ++code) {
         Piece& piece = pieces[code];
         if (StaysLiteral(code)) {
-            piece.text = {static_cast<char16_t>(code), 0, 0};
+            piece.text = {static_cast<char>(code), 0, 0};
             piece.length = 1;
         } else {
-            piece.text = {u'=', hex[code >> 4], hex[code & 0xF]};
+            piece.text = {'=', hex[code >> 4], hex[code & 0xF]};
             piece.length = 3;
         }
     }
@@ -62,7 +62,7 @@ void WalkPieces(std::string_view codes, OnSoftBreak onSoftBreak, OnPiece onPiece
 
 }  // namespace
 
-void QuotedPrintableEncodeTo(std::u16string_view text, std::u16string& out) {
+void QuotedPrintableEncodeTo(std::u16string_view text, std::string& out) {
     const std::string codes = ToAnsi(text);
 
     std::size_t length = 0;
@@ -70,11 +70,11 @@ void QuotedPrintableEncodeTo(std::u16string_view text, std::u16string& out) {
         codes, [&] { length += std::size(kSoftBreak); },
         [&](const Piece& piece) { length += piece.length; });
 
-    char16_t* dst = AppendUninitialized(out, length);
+    char* dst = AppendUninitialized(out, length);
     WalkPieces(
         codes,
         [&] {
-            for (char16_t c : kSoftBreak) *dst++ = c;
+            for (char c : kSoftBreak) *dst++ = c;
         },
         [&](const Piece& piece) {
             if (piece.length == 1) {
@@ -88,8 +88,8 @@ void QuotedPrintableEncodeTo(std::u16string_view text, std::u16string& out) {
         });
 }
 
-std::u16string QuotedPrintableEncode(const std::u16string& text) {
-    std::u16string out;
+std::string QuotedPrintableEncode(const std::u16string& text) {
+    std::string out;
     QuotedPrintableEncodeTo(text, out);
     return out;
 }

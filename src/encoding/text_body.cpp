@@ -1,5 +1,6 @@
 #include "encoding/text_body.h"
 
+#include <algorithm>
 #include <array>
 
 #include "encoding/base64.h"
@@ -70,13 +71,12 @@ void WalkQuotedPrintable(std::string_view bytes, Emit emit) {
 
 }  // namespace
 
-void StandardQuotedPrintableTo(std::string_view bytes, std::u16string& out) {
+void StandardQuotedPrintableTo(std::string_view bytes, std::string& out) {
     std::size_t length = 0;
     WalkQuotedPrintable(bytes, [&](const char*, std::size_t n) { length += n; });
-    char16_t* dst = AppendUninitialized(out, length);
-    WalkQuotedPrintable(bytes, [&](const char* piece, std::size_t n) {
-        for (std::size_t k = 0; k < n; ++k) *dst++ = static_cast<unsigned char>(piece[k]);
-    });
+    char* dst = AppendUninitialized(out, length);
+    WalkQuotedPrintable(
+        bytes, [&](const char* piece, std::size_t n) { dst = std::copy_n(piece, n, dst); });
 }
 
 EncodedTextBody EncodeTextBody(std::u16string_view body) {

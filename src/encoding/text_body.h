@@ -10,7 +10,7 @@ namespace larkpost::detail {
 
 struct EncodedTextBody {
     std::u16string_view transferEncoding;  // "quoted-printable" or "base64"
-    std::u16string text;                   // ASCII lines of at most 76, joined by CR LF
+    std::string text;                      // ASCII lines of at most 76, joined by CR LF
 };
 
 // A lone surrogate of the body becomes U+FFFD.
@@ -20,7 +20,7 @@ EncodedTextBody EncodeTextBody(std::u16string_view body);
 // line end, everything else is "=XX", soft breaks keep lines within 76. A "." or "From " at the
 // start of a line is encoded too, so no line can end the SMTP data or be taken for an mbox
 // separator, and a space or tab before a line end, where transports may strip it.
-void StandardQuotedPrintableTo(std::string_view bytes, std::u16string& out);
+void StandardQuotedPrintableTo(std::string_view bytes, std::string& out);
 
 }  // namespace larkpost::detail
 

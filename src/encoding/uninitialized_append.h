@@ -9,10 +9,11 @@ namespace larkpost::detail {
 
 // Makes out longer by count characters and returns where they start. The encoders overwrite
 // every one of them, so where the library allows it the new space is not zero-filled first.
-inline char16_t* AppendUninitialized(std::u16string& out, std::size_t count) {
+template <class Char>
+Char* AppendUninitialized(std::basic_string<Char>& out, std::size_t count) {
     const std::size_t at = out.size();
 #if defined(__cpp_lib_string_resize_and_overwrite)
-    out.resize_and_overwrite(at + count, [](char16_t*, std::size_t n) { return n; });
+    out.resize_and_overwrite(at + count, [](Char*, std::size_t n) { return n; });
 #else
     out.resize(at + count);
 #endif

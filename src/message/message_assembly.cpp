@@ -20,14 +20,17 @@ namespace {
 constexpr std::u16string_view kCRLF = u"\r\n";
 
 // Sinks for the writers: one measures the text, the other appends it.
+// Host values come as 16-bit text; encoded bodies are code-page bytes already.
 struct CountingSink {
     std::size_t length = 0;
     void operator()(std::u16string_view text) { length += text.size(); }
+    void operator()(std::string_view bytes) { length += bytes.size(); }
 };
 
 struct AppendingSink {
     std::string& out;
     void operator()(std::u16string_view text) { AppendAnsi(out, text); }
+    void operator()(std::string_view bytes) { out += bytes; }
 };
 
 std::u16string Decimal(std::uint64_t n) {
@@ -55,7 +58,7 @@ void WriteJoined(Sink& sink, const KeyedCollection& list) {
 
 template <class Sink>
 void WriteTextPart(Sink& sink, std::u16string_view boundary, std::u16string_view contentType,
-                   std::u16string_view encodedText) {
+                   std::string_view encodedText) {
     sink(u"\r\n\r\n--");
     sink(boundary);
     sink(kCRLF);

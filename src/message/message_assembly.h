@@ -59,8 +59,8 @@ private:
     const MessageFields m_fields;  // references into the message, which outlives this
     std::u16string m_mixedBoundary;
     std::u16string m_alternativeBoundary;
-    std::u16string m_encodedBody;
-    std::u16string m_encodedBodyHTML;
+    std::string m_encodedBody;
+    std::string m_encodedBodyHTML;
     std::vector<Attachment> m_attachments;  // only files that held bytes when measured
 };
 

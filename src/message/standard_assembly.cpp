@@ -129,11 +129,11 @@ std::u16string PlainBodyContentType(std::u16string_view mimeType) {
     return std::move(line).Finish();
 }
 
-void AddTextPart(std::vector<std::u16string>& pieces, std::u16string contentTypeLine,
+void AddTextPart(std::vector<std::string>& pieces, std::u16string contentTypeLine,
                  std::u16string_view text) {
     EncodedTextBody encoded = EncodeTextBody(text);
-    pieces.push_back(std::move(contentTypeLine) + u"Content-Transfer-Encoding: " +
-                     std::u16string(encoded.transferEncoding) + u"\r\n\r\n");
+    pieces.push_back(ToAnsi(std::move(contentTypeLine) + u"Content-Transfer-Encoding: " +
+                            std::u16string(encoded.transferEncoding) + u"\r\n\r\n"));
     pieces.push_back(std::move(encoded.text));
 }
 
@@ -208,18 +208,18 @@ StandardAssembly::StandardAssembly(const MessageFields& fields) {
     const std::u16string mixed = MakeBoundary();
     const std::u16string alternative = MakeBoundary();
     const bool plain = !fields.body.empty(), html = !fields.bodyHTML.empty();
-    m_head.push_back(MessageHeader(fields) + MultipartLine(u"mixed", mixed) + u"\r\n");
+    m_head.push_back(ToAnsi(MessageHeader(fields) + MultipartLine(u"mixed", mixed) + u"\r\n"));
     // Without any body or file, an empty plain text stands for the body.
     if (plain || html || fields.attachments.Count() == 0) {
-        m_head.push_back(u"--" + mixed + u"\r\n");
+        m_head.push_back(ToAnsi(u"--" + mixed + u"\r\n"));
         const std::u16string htmlType = u"Content-Type: text/html; charset=utf-8\r\n";
         if (plain && html) {
-            m_head.push_back(MultipartLine(u"alternative", alternative) + u"\r\n--" + alternative +
-                             u"\r\n");
+            m_head.push_back(ToAnsi(MultipartLine(u"alternative", alternative) + u"\r\n--" +
+                                    alternative + u"\r\n"));
             AddTextPart(m_head, PlainBodyContentType(fields.mimeType), fields.body);
-            m_head.push_back(u"\r\n--" + alternative + u"\r\n");
+            m_head.push_back(ToAnsi(u"\r\n--" + alternative + u"\r\n"));
             AddTextPart(m_head, htmlType, fields.bodyHTML);
-            m_head.push_back(u"\r\n--" + alternative + u"--");
+            m_head.push_back(ToAnsi(u"\r\n--" + alternative + u"--"));
         } else if (html) {
             AddTextPart(m_head, htmlType, fields.bodyHTML);
         } else {
@@ -235,12 +235,12 @@ StandardAssembly::StandardAssembly(const MessageFields& fields) {
         disposition.Atom(u"attachment");
         disposition.Parameter(u"filename", name);
         m_attachments.push_back({&path,
-                                 u"\r\n--" + mixed + u"\r\n" + std::move(type).Finish() +
-                                     u"Content-Transfer-Encoding: base64\r\n" +
-                                     std::move(disposition).Finish() + u"\r\n",
+                                 ToAnsi(u"\r\n--" + mixed + u"\r\n" + std::move(type).Finish() +
+                                        u"Content-Transfer-Encoding: base64\r\n" +
+                                        std::move(disposition).Finish() + u"\r\n"),
                                  AttachedFileSize(path)});
     }
-    m_tail = u"\r\n--" + mixed + u"--\r\n";
+    m_tail = ToAnsi(u"\r\n--" + mixed + u"--\r\n");
 }
 
 std::size_t StandardAssembly::Length() const {
@@ -252,11 +252,11 @@ std::size_t StandardAssembly::Length() const {
 }
 
 void StandardAssembly::WriteTo(std::string& out) const {
-    for (const auto& piece : m_head) AppendAnsi(out, piece);
+    for (const auto& piece : m_head) out += piece;
     for (const auto& attachment : m_attachments)
         AppendAttachedFile(*attachment.path, out, false,
-                           [&](std::uint64_t) { AppendAnsi(out, attachment.head); });
-    AppendAnsi(out, m_tail);
+                           [&](std::uint64_t) { out += attachment.head; });
+    out += m_tail;
 }
 
 }  // namespace larkpost::detail

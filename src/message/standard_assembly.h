@@ -22,22 +22,21 @@ public:
     // Length of the text, exact unless an attached file changes before WriteTo.
     std::size_t Length() const;
     bool HasAttachmentParts() const { return !m_attachments.empty(); }
-    // Appends the text to out (ASCII, so one byte a character), reading the attached files one
-    // at a time.
+    // Appends the text to out, reading the attached files one at a time.
     void WriteTo(std::string& out) const;
 
 private:
     struct Attachment {
         const std::u16string* path;  // as the host gave it
-        std::u16string head;         // the delimiter and the part's header
+        std::string head;            // the delimiter and the part's header
         std::uint64_t size;
     };
 
     // The message header and the bodies' part, in pieces: the encoded bodies are not copied
     // until WriteTo puts them into the reserved text.
-    std::vector<std::u16string> m_head;
+    std::vector<std::string> m_head;
     std::vector<Attachment> m_attachments;
-    std::u16string m_tail;
+    std::string m_tail;
 };
 
 // Raises ERROR_HEADER_NAME or ERROR_HEADER_LINE_BREAK for a header that MailMessage.AddHeader

@@ -45,10 +45,11 @@ std::u16string Base64(std::string_view bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     for (const std::u16string& text : {detail::FromAnsi(bytes), fuzz::CodeUnits(data, size)}) {
-        std::u16string appended = u"x";
+        std::string appended = "x";
         detail::QuotedPrintableEncodeTo(text, appended);
-        assert(appended == u"x" + QuotedPrintable(detail::ToAnsi(text)));
-        assert(detail::QuotedPrintableEncode(text) == QuotedPrintable(detail::ToAnsi(text)));
+        assert(detail::FromAnsi(appended) == u"x" + QuotedPrintable(detail::ToAnsi(text)));
+        assert(detail::FromAnsi(detail::QuotedPrintableEncode(text)) ==
+               QuotedPrintable(detail::ToAnsi(text)));
         const std::size_t dot = text.rfind(u'.');
         assert(detail::GetFileExtension(text) ==
                (dot == text.npos ? std::nullopt : std::optional(text.substr(dot + 1))));
